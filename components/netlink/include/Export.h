@@ -1,0 +1,7 @@
+#pragma once
+
+// Marks what the library exports; everything else stays hidden in it.
+#define NETLINK_ROUTE_API __attribute__((visibility("default")))
+
+// Takes a private member of an exported class out again.
+#define NETLINK_ROUTE_LOCAL __attribute__((visibility("hidden")))

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "Export.h"
+
+struct nl_sock;
+
+namespace netlink_route {
+
+// Owns one rtnetlink socket, connected for as long as the object lives.
+//
+// The constructor logs its failures and never throws. One thread at a time may send on the socket.
+class NETLINK_ROUTE_API RouteSocket {
+public:
+    RouteSocket();
+    ~RouteSocket();
+    RouteSocket(RouteSocket const&) = delete;
+    RouteSocket& operator=(RouteSocket const&) = delete;
+
+    // Null when the socket could not be allocated, and not connected when that failed. The RouteSocket stays
+    // the owner.
+    nl_sock* getSocket();
+
+private:
+    nl_sock* sock = nullptr;
+    int protocol = 0; // NETLINK_ROUTE
+};
+
+} // namespace netlink_route

@@ -1,0 +1,36 @@
+#pragma once
+
+#include "Export.h"
+#include "Interface.h"
+
+#include <string>
+
+namespace netlink_route {
+
+// One VLAN sub-interface: an Interface with a VLAN index. Its name is parent.index, such as eth0.100.
+class NETLINK_ROUTE_API Vlan : public Interface {
+public:
+    // Takes the VLAN index from the number that follows the first '.' of the name, or that begins a name
+    // without
+    // '.'; 0 when there is no number, the nearest int when it does not fit. setName leaves the index alone.
+    explicit Vlan(std::string name);
+    Vlan(Vlan const&) = default;
+    Vlan& operator=(Vlan const&) = default;
+    ~Vlan() override;
+
+    // The VLAN id. Any value is stored; an update sends its low 16 bits.
+    int getVlanIndex() const;
+    bool setVlanIndex(int index);
+
+    // The dump of the Interface and one more line with the VLAN index.
+    std::string toString() const;
+
+private:
+    int vlanIndex = 0;
+};
+
+// Whether both are equal as Interfaces and have the same VLAN index, where 0 on either side matches anything.
+// There is no operator!= of two Vlans: != compares them as Interfaces.
+NETLINK_ROUTE_API bool operator==(Vlan const& lhs, Vlan const& rhs);
+
+} // namespace netlink_route

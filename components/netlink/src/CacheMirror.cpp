@@ -1,0 +1,184 @@
+#include "CacheMirror.h"
+
+#include "MyLock.h"
+#include "NetlinkPtr.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstddef>
+#include <linux/filter.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <netlink/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace netlink_route {
+
+namespace {
+
+// Lets through what may drop routes silently: an address or a link that goes away, and a link that goes down.
+// A new link is down as well, and is told from that by its change mask, in which the kernel sets every bit.
+int attachRemovalFilter(int descriptor)
+{
+    constexpr unsigned int type = offsetof(nlmsghdr, nlmsg_type);
+    constexpr unsigned int flags = NLMSG_HDRLEN + offsetof(ifinfomsg, ifi_flags);
+    constexpr unsigned int change = NLMSG_HDRLEN + offsetof(ifinfomsg, ifi_change);
+    // The filter reads numbers in network order, and netlink writes them in the host's.
+    std::array<sock_filter, 11> program{{
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, type),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELADDR), 8, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELLINK), 7, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_NEWLINK), 0, 5),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, flags), BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, htonl(IFF_UP), 3, 0),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, change), BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ~0U, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, htonl(IFF_UP), 1, 0), BPF_STMT(BPF_RET | BPF_K, 0), // drop
+        BPF_STMT(BPF_RET | BPF_K, ~0U),                                                          // keep
+    }};
+    const sock_fprog filter{program.size(), program.data()};
+    return setsockopt(descriptor, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter);
+}
+
+// The kernel serves the sockets of a group from the youngest to the oldest. This one joins after the event
+// socket, so it has a removal before the event socket has it.
+int openRemovals()
+{
+    const int descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+    if (descriptor < 0) {
+        return -1;
+    }
+    sockaddr_nl local{};
+    local.nl_family = AF_NETLINK;
+    local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR;
+    const bool ready = attachRemovalFilter(descriptor) == 0 &&
+                       bind(descriptor, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
+    if (!ready) {
+        close(descriptor);
+        return -1;
+    }
+    return descriptor;
+}
+
+} // namespace
+
+CacheMirror::CacheMirror(nl_cache_mngr* cacheManager)
+    : manager(cacheManager),
+      routeCache(nl_cache_mngt_require("route/route")), caches{nl_cache_mngt_require("route/link"),
+                                                               routeCache,
+                                                               nl_cache_mngt_require("route/addr")},
+      removals(openRemovals())
+{
+}
+
+CacheMirror::~CacheMirror()
+{
+    if (removals >= 0) {
+        close(removals);
+    }
+}
+
+void CacheMirror::note(int result)
+{
+    if (result < 0) {
+        lost = true;
+    }
+    noteRemovals();
+}
+
+void CacheMirror::noteRemovals()
+{
+    if (!removalsSeen()) {
+        return;
+    }
+    lastRemoval = Clock::now();
+    if (!routesDropped) {
+        routesDropped = true;
+        next = std::max(next, lastRemoval + settling);
+    }
+}
+
+// Without the socket a removal cannot be ruled out.
+bool CacheMirror::removalsSeen()
+{
+    if (removals < 0) {
+        removals = openRemovals();
+        return true;
+    }
+    bool seen = false;
+    char message = 0;
+    while (recv(removals, &message, sizeof message, 0) >= 0 || errno == ENOBUFS) {
+        seen = true;
+    }
+    return seen;
+}
+
+int CacheMirror::mend()
+{
+    if (!lost && !routesDropped) {
+        return -1;
+    }
+    const auto start = Clock::now();
+    if (start >= next) {
+        const bool mended = lost ? reloadAll() : reload(routeCache);
+        if (mended) {
+            lost = false;
+            routesDropped = lastRemoval + settling > start;
+        }
+        next = Clock::now() + interval;
+        noteRemovals();
+    }
+    if (!lost && !routesDropped) {
+        return -1;
+    }
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
+    return std::max(0, static_cast<int>(wait.count()));
+}
+
+// A socket that has overrun reports it once, and drops notifications until it has been read empty: only what
+// is read from the kernel after that is safe from being missed.
+bool CacheMirror::reloadAll()
+{
+    bool mended = drain();
+    for (nl_cache* const cache : caches) {
+        mended = mended && reload(cache);
+    }
+    return mended && drain();
+}
+
+// Reads the kernel into a fresh cache, over a socket that receives nothing else, then exchanges the contents.
+// False when that failed, and the cache is as it was.
+bool CacheMirror::reload(nl_cache* cache)
+{
+    if (cache == nullptr) {
+        return true;
+    }
+    const SocketPtr socket(nl_socket_alloc());
+    const CachePtr fresh(nl_cache_alloc(nl_cache_get_ops(cache)));
+    if (socket == nullptr || fresh == nullptr || nl_connect(socket.get(), NETLINK_ROUTE) < 0 ||
+        nl_cache_refill(socket.get(), fresh.get()) < 0) {
+        return false;
+    }
+    const MyLock lock("nl_cache_refill");
+    nl_cache_clear(cache);
+    while (nl_object* const object = nl_cache_get_first(fresh.get())) {
+        nl_cache_move(cache, object);
+    }
+    return true;
+}
+
+// Applies what is queued. False when the queue overran again and again.
+bool CacheMirror::drain()
+{
+    constexpr int attempts = 100;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        const MyLock lock("nl_cache_mngr_data_ready");
+        if (nl_cache_mngr_data_ready(manager) >= 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace netlink_route

@@ -1,0 +1,62 @@
+#include "Vlan.h"
+
+#include "Dump.h"
+#include "Trace.h"
+
+#include <locale>
+#include <sstream>
+#include <utility>
+
+namespace netlink_route {
+
+namespace {
+
+// Reads a number as formatted input does: leading blanks are skipped, what follows the digits is ignored, and
+// a number that does not fit gives the nearest bound.
+int parseVlanIndex(std::string const& name)
+{
+    const auto dot = name.find('.');
+    const auto begin = dot == std::string::npos ? 0 : dot + 1;
+    std::istringstream field(name.substr(begin, name.find('.', begin) - begin));
+    field.imbue(std::locale::classic());
+    int index = 0;
+    field >> index;
+    return index;
+}
+
+} // namespace
+
+Vlan::Vlan(std::string linkName) : Interface(std::move(linkName)), vlanIndex(parseVlanIndex(getName())) {}
+
+Vlan::~Vlan() = default;
+
+int Vlan::getVlanIndex() const { return vlanIndex; }
+
+bool Vlan::setVlanIndex(int newIndex)
+{
+    vlanIndex = newIndex;
+    return true;
+}
+
+std::string Vlan::toString() const
+{
+    Dump dump;
+    dump << Interface::toString() << "vlan index:    " << vlanIndex << '\n';
+    return dump.str();
+}
+
+bool operator==(Vlan const& lhs, Vlan const& rhs)
+{
+    const bool sameInterface = static_cast<Interface const&>(lhs) == static_cast<Interface const&>(rhs);
+    TRACE_DEBUG2("compare lhs: %s", lhs.toString().c_str());
+    TRACE_DEBUG2("compare rhs: %s", rhs.toString().c_str());
+    TRACE_DEBUG2("vlan is interface wise the same : %s", sameInterface ? "yes" : "no");
+    if (!sameInterface) {
+        return false;
+    }
+    const int left = lhs.getVlanIndex();
+    const int right = rhs.getVlanIndex();
+    return left == 0 || right == 0 || left == right;
+}
+
+} // namespace netlink_route

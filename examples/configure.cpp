@@ -1,0 +1,86 @@
+// Configures a link: its MTU and IPv4 address in one update, a VLAN on it, and a route through it. Then it
+// removes the VLAN and the route again, and leaves the link as configured.
+//
+//     configure --yes LINK ADDRESS/LENGTH GATEWAY
+//
+// It changes the kernel it runs on, so it asks for --yes. GATEWAY must lie in the network of the address.
+#include <CacheManager.h>
+
+#include <iostream>
+#include <string>
+#include <syslog.h>
+
+namespace {
+
+using netlink_route::Address;
+using netlink_route::CacheManager;
+using netlink_route::Interface;
+using netlink_route::Route;
+using netlink_route::Vlan;
+
+constexpr int seconds = 5; // how long an update may take to show
+
+bool done(bool success, const std::string& step)
+{
+    (success ? std::cout : std::cerr) << step << (success ? ": done\n" : ": REFUSED\n");
+    return success;
+}
+
+bool configureLink(CacheManager& manager, const std::string& name, const Address& address)
+{
+    Interface wanted(name);
+    wanted.setMtu(1400);
+    wanted.setUp();
+    if (!wanted.addIp(address, true)) {
+        return done(false, "address");
+    }
+    const bool success = done(manager.update(wanted, seconds), "MTU and address of " + name);
+    std::cout << manager.getInterface(name).toString() << '\n';
+    return success;
+}
+
+bool tryVlan(CacheManager& manager, const std::string& parent)
+{
+    Vlan wanted(parent + ".100");
+    wanted.setUp();
+    wanted.addIp(Address("192.0.2.1/24", Address::IPV4), true);
+    if (!done(manager.update(wanted, seconds), "VLAN " + wanted.getName())) {
+        return false;
+    }
+    std::cout << manager.getVlan(wanted.getName()).toString() << '\n';
+    return done(manager.remove(wanted), "removal of " + wanted.getName());
+}
+
+bool tryRoute(CacheManager& manager, const std::string& gateway)
+{
+    const Address network("198.51.100.0/24", Address::IPV4);
+    Route wanted("example");
+    wanted.setDestination(network);
+    wanted.setGateway(Address(gateway + "/32", Address::IPV4));
+    if (!done(manager.update(wanted, 0), "route to " + network.getAddress())) {
+        return false;
+    }
+    std::cout << manager.getRoute(network).toString() << '\n';
+    return done(manager.remove(wanted), "removal of the route");
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    openlog("configure", LOG_PERROR, LOG_USER);
+    if (argc != 5 || std::string(argv[1]) != "--yes") {
+        std::cerr << "usage: configure --yes LINK ADDRESS/LENGTH GATEWAY\n"
+                     "It changes this machine's links; --yes says that you want that.\n";
+        return 2;
+    }
+    const std::string name = argv[2];
+    CacheManager manager;
+    if (!manager.getInterface(name).isAddedToKernel()) {
+        std::cerr << "configure: there is no link named '" << name << "'\n";
+        return 1;
+    }
+    const bool success = configureLink(manager, name, Address(argv[3], Address::IPV4)) &&
+                         tryVlan(manager, name) && tryRoute(manager, argv[4]);
+    return success ? 0 : 1;
+}
