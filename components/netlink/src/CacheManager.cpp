@@ -47,8 +47,10 @@ MyLock::~MyLock()
 
 namespace {
 
-// One manager starts at a time: its thread finds the caches by name, before another manager provides its own.
+// One manager starts at a time, and hands its caches to its thread, whose argument is the cache manager
+// alone.
 std::mutex startMutex;
+CacheMirror::Caches startingCaches;
 
 sem_t& threadStarted()
 {
@@ -109,16 +111,18 @@ int addCache(nl_cache_mngr* manager, nl_cache*& cache, change_func_t callback, v
     return result;
 }
 
-// Returns the thread once it runs, or 0.
-pthread_t startThread(void* (*body)(void*), nl_cache_mngr* manager)
+// Returns the thread once it has its caches, or 0.
+pthread_t startThread(void* (*body)(void*), nl_cache_mngr* manager, CacheMirror::Caches const& caches)
 {
     pthread_t thread = 0;
+    startingCaches = caches;
     if (manager == nullptr || pthread_create(&thread, nullptr, body, manager) != 0) {
         return 0;
     }
     while (sem_wait(&threadStarted()) != 0) {
         // interrupted by a signal
     }
+    startingCaches = {};
     return thread;
 }
 
@@ -159,7 +163,7 @@ CacheManager::CacheManager()
         leaveIpv6InterfaceGroup(nl_cache_mngr_get_fd(mngr));
     }
     TRACE_DEBUG1("now creating thread from instance %p", static_cast<void*>(this));
-    thread = startThread(cacheThread, mngr);
+    thread = startThread(cacheThread, mngr, {linkCache, routeCache, addrCache});
     TRACE_DEBUG2("cache route link init done");
 }
 
@@ -200,7 +204,7 @@ void* CacheManager::cacheThread(void* arg)
 {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     auto* const manager = static_cast<nl_cache_mngr*>(arg);
-    CacheMirror mirror(manager);
+    CacheMirror mirror(manager, startingCaches);
     sem_post(&threadStarted());
     pollfd record{nl_cache_mngr_get_fd(manager), POLLIN, 0};
     while (true) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <linux/filter.h>
@@ -14,6 +15,8 @@
 #include <netlink/netlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace netlink_route {
 
@@ -61,14 +64,51 @@ int openRemovals()
     return descriptor;
 }
 
+// What the kernel holds now of the kind that the cache is for, or null. Read over a socket of its own, on
+// which nothing else arrives.
+CachePtr readKernel(nl_cache* cache)
+{
+    const SocketPtr socket(nl_socket_alloc());
+    CachePtr fresh(nl_cache_alloc(nl_cache_get_ops(cache)));
+    const bool read = socket != nullptr && fresh != nullptr && nl_connect(socket.get(), NETLINK_ROUTE) == 0 &&
+                      nl_cache_refill(socket.get(), fresh.get()) == 0;
+    return read ? std::move(fresh) : nullptr;
+}
+
+// Exchanges the contents of the cache. False when the kernel could not be read, and the cache is as it was.
+bool reload(nl_cache* cache)
+{
+    const CachePtr fresh = readKernel(cache);
+    if (fresh == nullptr) {
+        return false;
+    }
+    const MyLock lock("nl_cache_move");
+    nl_cache_clear(cache);
+    while (nl_object* const object = nl_cache_get_first(fresh.get())) {
+        nl_cache_move(cache, object);
+    }
+    return true;
+}
+
+// The objects of the cache that the other one does not have. The thread that alone changes the cache may read
+// it without the lock.
+std::vector<nl_object*> findMissing(nl_cache* cache, nl_cache* other)
+{
+    std::vector<nl_object*> missing;
+    for (nl_object* object = nl_cache_get_first(cache); object != nullptr;
+         object = nl_cache_get_next(object)) {
+        const ObjectPtr found(nl_cache_search(other, object));
+        if (found == nullptr) {
+            missing.push_back(object);
+        }
+    }
+    return missing;
+}
+
 } // namespace
 
-CacheMirror::CacheMirror(nl_cache_mngr* cacheManager)
-    : manager(cacheManager),
-      routeCache(nl_cache_mngt_require("route/route")), caches{nl_cache_mngt_require("route/link"),
-                                                               routeCache,
-                                                               nl_cache_mngt_require("route/addr")},
-      removals(openRemovals())
+CacheMirror::CacheMirror(nl_cache_mngr* cacheManager, Caches const& itsCaches)
+    : manager(cacheManager), caches(itsCaches), removals(openRemovals())
 {
 }
 
@@ -121,7 +161,7 @@ int CacheMirror::mend()
     }
     const auto start = Clock::now();
     if (start >= next) {
-        const bool mended = lost ? reloadAll() : reload(routeCache);
+        const bool mended = lost ? reloadAll() : removeGhosts();
         if (mended) {
             lost = false;
             routesDropped = lastRemoval + settling > start;
@@ -140,30 +180,31 @@ int CacheMirror::mend()
 // is read from the kernel after that is safe from being missed.
 bool CacheMirror::reloadAll()
 {
-    bool mended = drain();
-    for (nl_cache* const cache : caches) {
-        mended = mended && reload(cache);
-    }
-    return mended && drain();
-}
-
-// Reads the kernel into a fresh cache, over a socket that receives nothing else, then exchanges the contents.
-// False when that failed, and the cache is as it was.
-bool CacheMirror::reload(nl_cache* cache)
-{
-    if (cache == nullptr) {
-        return true;
-    }
-    const SocketPtr socket(nl_socket_alloc());
-    const CachePtr fresh(nl_cache_alloc(nl_cache_get_ops(cache)));
-    if (socket == nullptr || fresh == nullptr || nl_connect(socket.get(), NETLINK_ROUTE) < 0 ||
-        nl_cache_refill(socket.get(), fresh.get()) < 0) {
+    if (!drain()) {
         return false;
     }
-    const MyLock lock("nl_cache_refill");
-    nl_cache_clear(cache);
-    while (nl_object* const object = nl_cache_get_first(fresh.get())) {
-        nl_cache_move(cache, object);
+    for (nl_cache* const cache : {caches.link, caches.route, caches.addr}) {
+        if (cache != nullptr && !reload(cache)) {
+            return false;
+        }
+    }
+    return drain();
+}
+
+// Removes the routes that the kernel no longer has.
+bool CacheMirror::removeGhosts()
+{
+    if (caches.route == nullptr) {
+        return true;
+    }
+    const CachePtr fresh = readKernel(caches.route);
+    if (fresh == nullptr) {
+        return false;
+    }
+    const std::vector<nl_object*> ghosts = findMissing(caches.route, fresh.get());
+    if (!ghosts.empty()) {
+        const MyLock lock("nl_cache_remove");
+        std::for_each(ghosts.begin(), ghosts.end(), nl_cache_remove);
     }
     return true;
 }

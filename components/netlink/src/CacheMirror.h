@@ -1,7 +1,6 @@
 // Keeps the caches true to the kernel where its notifications alone do not.
 #pragma once
 
-#include <array>
 #include <chrono>
 
 struct nl_cache;
@@ -11,17 +10,21 @@ namespace netlink_route {
 
 // Two things make a cache differ from the kernel for good: notifications that were lost because the event
 // socket overran, and IPv4 routes that the kernel drops without a word when a link goes down or away, or an
-// IPv4 address away. Both are mended by reading the contents of the cache from the kernel again.
+// IPv4 address away. Both are mended by reading the kernel again and comparing.
 //
-// Used by the event thread alone: note() after each pass, mend() before it sleeps. Reads of the kernel are
-// rare
-// (`interval`), and the caches are locked only while their contents are exchanged: neither a storm of changes
-// nor a large table keeps the queries waiting.
+// Used by the event thread alone: note() after each pass, mend() before it sleeps. The kernel is read rarely
+// (`interval`) and into a cache of its own, and the lock is held only while the outcome is applied: neither a
+// flapping link nor a large table keeps the queries waiting.
 class CacheMirror {
 public:
-    // Finds the caches by name, which gives those of the manager that was the last in the process to add its
-    // own.
-    explicit CacheMirror(nl_cache_mngr* manager);
+    // Caches that the manager does not have are null.
+    struct Caches {
+        nl_cache* link = nullptr;
+        nl_cache* route = nullptr;
+        nl_cache* addr = nullptr;
+    };
+
+    CacheMirror(nl_cache_mngr* manager, Caches const& caches);
     ~CacheMirror();
     CacheMirror(CacheMirror const&) = delete;
     CacheMirror& operator=(CacheMirror const&) = delete;
@@ -43,17 +46,16 @@ private:
     void noteRemovals();
     bool removalsSeen();
     bool reloadAll();
-    bool reload(nl_cache* cache);
+    bool removeGhosts();
     bool drain();
 
     nl_cache_mngr* manager;
-    nl_cache* routeCache;
-    std::array<nl_cache*, 3> caches;
+    Caches caches;
     int removals; // a socket that receives only what may drop routes silently; -1: could not be opened
     bool lost = false;
-    bool routesDropped = false;
-    Clock::time_point lastRemoval;
-    Clock::time_point next; // no read before
+    bool routesDropped = true; // what went before the socket was there is unknown
+    Clock::time_point lastRemoval = Clock::now();
+    Clock::time_point next = lastRemoval + settling; // no read before
 };
 
 } // namespace netlink_route

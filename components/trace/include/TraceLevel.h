@@ -1,10 +1,8 @@
 // The trace level of the process: which diagnostics its libraries write.
 #pragma once
 
-// What g_traceObject points to. The libraries that read the level rely on the first member alone.
-struct TraceObject {
-    int* level;
-};
+// Its first member is a pointer to the trace level, an int. Nothing else of it is anybody's business.
+struct TraceObject;
 
 extern "C" {
 // The object through which every library of the process reads the trace level. Either pointer on the way to

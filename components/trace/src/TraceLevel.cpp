@@ -6,6 +6,10 @@
 #include <string_view>
 #include <system_error>
 
+struct TraceObject {
+    int* level;
+};
+
 namespace {
 
 int levelFromEnvironment()

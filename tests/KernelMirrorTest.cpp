@@ -1,0 +1,147 @@
+// The caches stay true to a real kernel where its notifications alone do not keep them so.
+#include "Support.h"
+
+#include "MyLock.h"
+
+#include <atomic>
+#include <sys/socket.h>
+#include <thread>
+
+namespace netlink_route {
+namespace {
+
+using test::eventually;
+using test::ipv4;
+using test::mirrorsKernel;
+using test::run;
+using testing::Each;
+
+class Mirror : public test::KernelTest {
+protected:
+    void SetUp() override
+    {
+        KernelTest::SetUp();
+        run("ip link add w0 type veth peer name w1; for i in v0 v1 w0 w1; do ip link set $i up; done");
+        run("ip address add 10.0.0.1/24 dev v0; ip address add 10.1.0.1/24 dev w0");
+    }
+};
+
+// Static, connected and multipath routes that depend on v0 and its address.
+const std::vector<std::string> routes{"10.2.0.0/16", "10.0.0.0/24", "10.3.0.0/16"};
+
+void addRoutes()
+{
+    run("ip route add 10.2.0.0/16 via 10.0.0.2; "
+        "ip route add 10.3.0.0/16 nexthop via 10.0.0.2 nexthop via 10.0.0.3");
+}
+
+bool holds(CacheManager const& manager, std::string const& destination)
+{
+    return manager.getRoute(ipv4(destination)).isAddedToKernel();
+}
+
+TEST_F(Mirror, RoutesDroppedSilentlyLeaveWithinASecond)
+{
+    const CacheManager manager;
+    const std::string address = "address add 10.0.0.1/24 dev v0\n";
+    const std::vector<std::pair<std::string, std::string>> removals{
+        {"link set v0 down\n", "link set v0 up\n"},
+        {"address delete 10.0.0.1/24 dev v0\n", address},
+        {"link delete v0\n",
+         "link add v0 type veth peer name v1\nlink set v0 up\nlink set v1 up\n" + address}};
+    for (const auto& [removal, restoration] : removals) {
+        addRoutes();
+        ASSERT_TRUE(eventually([&] { return holds(manager, routes[0]) && holds(manager, routes[2]); }));
+        run("ip " + removal);
+        for (std::string const& route : routes) {
+            EXPECT_TRUE(eventually([&] { return !holds(manager, route); })) << removal << route;
+        }
+        EXPECT_TRUE(mirrorsKernel(manager));
+        run("printf '" + restoration + "' | ip -batch -");
+        addRoutes();
+        ASSERT_TRUE(eventually([&] { return holds(manager, routes[0]) && holds(manager, routes[2]); }));
+        // Down and up within one pass: the links look as before, and the routes are gone.
+        run("printf '" + removal + restoration + "' | ip -batch -");
+        EXPECT_TRUE(eventually([&] { return !holds(manager, routes[0]) && !holds(manager, routes[2]); }))
+            << removal;
+        EXPECT_TRUE(mirrorsKernel(manager));
+    }
+}
+
+TEST_F(Mirror, FlappingLinkKeepsNoQueryWaiting)
+{
+    run("for i in $(seq 0 4999); do echo route add 20.$((i / 250)).$((i % 250)).0/24 dev w0; done | ip "
+        "-batch -");
+    const CacheManager manager;
+    std::atomic<bool> stop{false};
+    std::chrono::steady_clock::duration longest{};
+    std::thread asking([&] {
+        while (!stop) {
+            const auto start = std::chrono::steady_clock::now();
+            manager.getInterface("w0");
+            longest = std::max(longest, std::chrono::steady_clock::now() - start);
+        }
+    });
+    const std::string flaps =
+        "for i in $(seq 100); do printf 'link set v0 down\\nlink set v0 up\\n'; done | ip -batch -";
+    for (int i = 0; i < 10; ++i) {
+        run(flaps);
+    }
+    addRoutes();
+    run("ip link set v0 down");
+    EXPECT_TRUE(mirrorsKernel(manager));
+    EXPECT_TRUE(eventually([&] { return !holds(manager, routes[0]); }));
+    stop = true;
+    asking.join();
+    EXPECT_LT(std::chrono::duration<double>(longest).count(),
+              0.5); // a bound for slow machines and sanitizers
+}
+
+// Makes every netlink socket of the process overrun at a few messages.
+void shrinkReceiveBuffers()
+{
+    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+        int domain = 0;
+        socklen_t size = sizeof domain;
+        const int least = 1;
+        if (getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_NETLINK) {
+            setsockopt(descriptor, SOL_SOCKET, SO_RCVBUF, &least, sizeof least);
+        }
+    }
+}
+
+TEST_F(Mirror, RecoversFromOverruns)
+{
+    CacheManager manager;
+    shrinkReceiveBuffers();
+    const test::TraceLevel scope(3);
+    const std::string batch = "for i in $(seq 100); do echo link add a$i type veth peer name b$i; "
+                              "echo address add 10.9.$i.1/24 dev a$i; echo link set a$i up; "
+                              "echo route add 10.8.$i.0/24 dev a$i; done | ip -batch -";
+    for (const std::string& storm :
+         {batch, std::string("for i in $(seq 100); do echo link delete a$i; done | ip -batch -")}) {
+        {
+            const MyLock lock("test"); // the event thread cannot keep up
+            run(storm);
+        }
+        EXPECT_TRUE(mirrorsKernel(manager, std::chrono::seconds(5)));
+        const auto lines = test::takeLog();
+        EXPECT_FALSE(lines.empty());
+        EXPECT_THAT(lines, Each("3 [ERROR] CacheManager.cpp:N (cacheThread) - Out of memory"));
+    }
+    run("ip link set v0 mtu 1300");
+    EXPECT_TRUE(mirrorsKernel(manager));
+}
+
+TEST_F(Mirror, TakesABurstOfThousandLinksWithoutLoss)
+{
+    const test::TraceLevel scope(3);
+    const CacheManager manager;
+    run("for i in $(seq 500); do echo link add a$i type veth peer name b$i; done | ip -batch -");
+    EXPECT_TRUE(eventually([&] { return manager.getListOfInterfaces().size() == 1005; }));
+    EXPECT_TRUE(manager.getInterface("b500").isAddedToKernel());
+    EXPECT_THAT(test::takeLog(), testing::IsEmpty());
+}
+
+} // namespace
+} // namespace netlink_route

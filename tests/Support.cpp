@@ -1,0 +1,271 @@
+#include "Support.h"
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <map>
+#include <mutex>
+#include <netlink/route/link.h>
+#include <netlink/route/nexthop.h>
+#include <netlink/route/route.h>
+#include <regex>
+#include <sched.h>
+#include <set>
+#include <sstream>
+#include <syslog.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+std::mutex logMutex;
+std::vector<std::string> lines;
+int sleeps = 0;
+int allocations = 0;
+int failFrom = 0;
+const int firstNamespace = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+
+void keep(int priority, const char* format, va_list arguments)
+{
+    va_list copy;
+    va_copy(copy, arguments);
+    const int size = std::vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    std::string text(static_cast<std::size_t>(size) + 1, '\0');
+    std::vsnprintf(text.data(), text.size(), format, arguments);
+    text.pop_back();
+    const auto colon = text.find(".cpp:");
+    if (colon != std::string::npos) {
+        text.replace(colon + 5, text.find(' ', colon) - colon - 5, "N");
+    }
+    const std::lock_guard<std::mutex> guard(logMutex);
+    lines.push_back(std::to_string(priority) + " " + text);
+}
+
+template <typename Function>
+Function* next(const char* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+bool failsNow() { return failFrom != 0 && ++allocations >= failFrom; }
+
+} // namespace
+
+// These stand before the C library's and libnl's, whose place the program's own symbols take.
+extern "C" {
+void syslog(int priority, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    keep(priority, format, arguments);
+    va_end(arguments);
+}
+
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...); // NOLINT
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...)  // NOLINT
+{
+    va_list arguments;
+    va_start(arguments, format);
+    keep(priority, format, arguments);
+    va_end(arguments);
+}
+
+unsigned int sleep(unsigned int seconds)
+{
+    ++sleeps;
+    return next<decltype(sleep)>("sleep")(seconds);
+}
+
+rtnl_link* rtnl_link_alloc()
+{
+    return failsNow() ? nullptr : next<decltype(rtnl_link_alloc)>("rtnl_link_alloc")();
+}
+
+rtnl_route* rtnl_route_alloc()
+{
+    return failsNow() ? nullptr : next<decltype(rtnl_route_alloc)>("rtnl_route_alloc")();
+}
+
+rtnl_nexthop* rtnl_route_nh_alloc()
+{
+    return failsNow() ? nullptr : next<decltype(rtnl_route_nh_alloc)>("rtnl_route_nh_alloc")();
+}
+}
+
+namespace test {
+
+std::vector<std::string> takeLog()
+{
+    const std::lock_guard<std::mutex> guard(logMutex);
+    return std::exchange(lines, {});
+}
+
+TraceLevel::TraceLevel(int level)
+{
+    takeLog();
+    trace::setLevel(level);
+}
+
+TraceLevel::~TraceLevel()
+{
+    trace::setLevel(0);
+    takeLog();
+}
+
+void failAllocations(int first)
+{
+    allocations = 0;
+    failFrom = first;
+}
+
+int sleepCount() { return sleeps; }
+
+std::string output(std::string const& command)
+{
+    std::string text;
+    std::array<char, 4096> buffer{};
+    FILE* const pipe = popen(command.c_str(), "r"); // NOLINT
+    while (const std::size_t size = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
+        text.append(buffer.data(), size);
+    }
+    EXPECT_EQ(0, pclose(pipe)) << command;
+    return text;
+}
+
+void run(std::string const& command) { output(command); }
+
+bool eventually(std::function<bool()> const& condition, std::chrono::milliseconds time)
+{
+    const auto deadline = std::chrono::steady_clock::now() + time;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return condition();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+namespace {
+
+// Each match of the pattern in the output of the command: its groups.
+std::vector<std::vector<std::string>> scan(const char* command, const char* pattern)
+{
+    const std::string text = output(command);
+    const std::regex regex(pattern);
+    std::vector<std::vector<std::string>> rows;
+    for (std::sregex_iterator match(text.begin(), text.end(), regex), end; match != end; ++match) {
+        rows.emplace_back(std::next(match->begin()), match->end());
+    }
+    return rows;
+}
+
+std::string describeKernel()
+{
+    std::map<std::string, std::set<std::string>> ips;
+    for (auto const& row : scan("ip -4 -o address", "(\\S+)\\s+inet (\\S+)(?: peer (\\S+))?")) {
+        ips[row[0]].insert(row[1]);
+    }
+    std::set<std::string> links;
+    for (auto const& row :
+         scan("ip -o link", "\n?\\d+: ([^:@]+)\\S* <([^>]*)> mtu (\\d+).* link/\\S+ (\\S*)")) {
+        const bool up = ("," + row[1] + ",").find(",UP,") != std::string::npos;
+        links.insert(row[0] + (up ? " up " : " down ") + row[2] + " " + row[3] +
+                     (ips[row[0]].empty() ? "" : " with address") + "\n");
+    }
+    std::string text;
+    for (auto const& link : links) {
+        text += link;
+    }
+    return text;
+}
+
+std::string describeMirror(netlink_route::CacheManager const& manager)
+{
+    std::multiset<std::string> links; // a link that is listed twice shows
+    for (std::string const& name : manager.getListOfInterfaces()) {
+        const auto link = manager.getInterface(name);
+        links.insert(name + (link.isUp() ? " up " : " down ") + std::to_string(link.getMtu()) + " " +
+                     link.getMac().getAddress() + (link.getIps().empty() ? "" : " with address") + "\n");
+    }
+    std::string text;
+    for (auto const& link : links) {
+        text += link;
+    }
+    return text;
+}
+
+// What the manager says wrongly of the kernel's addresses and routes.
+std::string findDifference(netlink_route::CacheManager const& manager)
+{
+    const std::string addresses = output("ip -4 -o address");
+    for (std::string const& name : manager.getListOfInterfaces()) {
+        for (auto const& ip : manager.getInterface(name).getIps()) {
+            if (addresses.find(name + "    inet " + ip.getAddress() + " ") == std::string::npos &&
+                addresses.find(name + "    inet " + ip.getAddress() + "/32 ") == std::string::npos) {
+                return name + " has no address " + ip.getAddress();
+            }
+        }
+    }
+    for (auto const& row : scan("ip -4 route show table all", "(?:^|\n)(?:\\w+ )?(default|[0-9./]+) ")) {
+        const bool complete = row[0].find('/') != std::string::npos || row[0] == "default";
+        if (!manager.getRoute(ipv4(complete ? row[0] : row[0] + "/32")).isAddedToKernel()) {
+            return "no route to " + row[0];
+        }
+    }
+    return "";
+}
+
+} // namespace
+
+testing::AssertionResult mirrorsKernel(netlink_route::CacheManager const& manager,
+                                       std::chrono::milliseconds time)
+{
+    std::string links;
+    std::string mirror;
+    std::string difference;
+    const bool same = eventually(
+        [&] {
+            links = describeKernel();
+            mirror = describeMirror(manager);
+            difference = findDifference(manager);
+            return links == mirror && difference.empty();
+        },
+        time);
+    return same ? testing::AssertionSuccess()
+                : testing::AssertionFailure() << "kernel:\n"
+                                              << links << "manager:\n"
+                                              << mirror << difference;
+}
+
+void KernelTest::SetUp()
+{
+    ASSERT_EQ(0, unshare(CLONE_NEWNET)) << "the tests need the right to make network namespaces";
+    run("ip link add v0 type veth peer name v1");
+}
+
+void KernelTest::TearDown() { trace::setLevel(0); }
+
+std::string testNic()
+{
+    const char* const name = std::getenv("NETLINK_ROUTE_TEST_NIC");
+    return name != nullptr ? name : "";
+}
+
+void enterFirstNamespace() { ASSERT_EQ(0, setns(firstNamespace, CLONE_NEWNET)); }
+
+} // namespace test
+
+int main(int argc, char** argv)
+{
+    if (argc == 2 && std::string(argv[1]) == "--print-trace-level") {
+        std::printf("%d", trace::getLevel());
+        return 0;
+    }
+    testing::InitGoogleMock(&argc, argv);
+    return RUN_ALL_TESTS();
+}

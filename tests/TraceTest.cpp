@@ -1,0 +1,76 @@
+// The log gate: what is written at which level, and how.
+#include "Support.h"
+
+#include "Trace.h"
+
+#include <cstdlib>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+void writeAll()
+{
+    TRACE_ERROR("an error %s", "text");
+    TRACE_INFO("an information");
+    TRACE_DEBUG1("%d and %u", -1, 2U);
+    TRACE_DEBUG2("%s %s %s", "a", "b", "c");
+    TRACE_DEBUG3("100%%");
+}
+
+TEST(Trace, WritesWhatTheLevelReaches)
+{
+    const std::vector<std::string> all{"3 [ERROR] TraceTest.cpp:N (writeAll) - an error text",
+                                       "6 [INFO] TraceTest.cpp:N (writeAll) - an information",
+                                       "7 [DEBUG1] TraceTest.cpp:N (writeAll) - -1 and 2",
+                                       "7 [DEBUG2] TraceTest.cpp:N (writeAll) - a b c",
+                                       "7 [DEBUG3] TraceTest.cpp:N (writeAll) - 100%"};
+    const std::vector<std::pair<int, int>> writtenAt{{-1, 0}, {2, 0}, {3, 1}, {5, 1}, {6, 2},
+                                                     {7, 3},  {8, 4}, {9, 5}, {10, 5}};
+    for (const auto& [level, count] : writtenAt) {
+        const test::TraceLevel scope(level);
+        EXPECT_EQ(level, trace::getLevel());
+        writeAll();
+        EXPECT_EQ(std::vector<std::string>(all.begin(), all.begin() + count), test::takeLog()) << level;
+    }
+}
+
+TEST(Trace, ClosedStatementComputesNothing)
+{
+    int computed = 0;
+    const auto argument = [&] { return ++computed; };
+    const test::TraceLevel scope(5);
+    TRACE_INFO("%d", argument());
+    EXPECT_EQ(0, computed);
+    trace::setLevel(6); // counts from the next statement on
+    TRACE_INFO("%d", argument());
+    EXPECT_EQ(1, computed);
+    EXPECT_EQ(1U, test::takeLog().size());
+}
+
+TEST(Trace, MissingTraceObjectOrLevelWritesNothing)
+{
+    const test::TraceLevel scope(9);
+    TraceObject* const object = g_traceObject;
+    TraceObject withoutLevel{nullptr};
+    g_traceObject = nullptr;
+    writeAll();
+    g_traceObject = &withoutLevel;
+    writeAll();
+    g_traceObject = object;
+    EXPECT_THAT(test::takeLog(), IsEmpty());
+}
+
+TEST(Trace, FirstLevelComesFromTheEnvironment)
+{
+    const std::vector<std::pair<std::string, std::string>> cases{
+        {"7", "7"}, {"-3", "-3"}, {"", "0"}, {"7x", "0"}, {"x", "0"}, {"99999999999", "0"}};
+    for (const auto& [text, level] : cases) {
+        EXPECT_EQ(level, test::output("TRACE_LEVEL='" + text + "' /proc/" + std::to_string(getpid()) +
+                                      "/exe --print-trace-level"))
+            << text;
+    }
+}
+
+} // namespace
