@@ -3,9 +3,11 @@
 //
 //     configure --yes LINK ADDRESS/LENGTH GATEWAY
 //
-// It changes the kernel it runs on, so it asks for --yes. GATEWAY must lie in the network of the address.
+// It changes the kernel it runs on, so it asks for --yes. GATEWAY must lie in the network of the address. A shell
+// command in the environment variable CONFIGURE_WATCH is run after each step, such as CONFIGURE_WATCH='ip address'.
 #include <CacheManager.h>
 
+#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <syslog.h>
@@ -22,8 +24,17 @@ constexpr int seconds = 5; // how long an update may take to show
 
 bool done(bool success, const std::string& step)
 {
-    (success ? std::cout : std::cerr) << step << (success ? ": done\n" : ": REFUSED\n");
-    return success;
+    if (!success) {
+        std::cerr << "configure: " << step << " was refused; TRACE_LEVEL=3 tells why\n";
+        return false;
+    }
+    std::cout << "== " << step << ": done" << std::endl;
+    const char* const watch = std::getenv("CONFIGURE_WATCH");
+    if (watch != nullptr && std::system(watch) != 0) {
+        std::cerr << "configure: CONFIGURE_WATCH failed\n";
+        return false;
+    }
+    return true;
 }
 
 bool configureLink(CacheManager& manager, const std::string& name, const Address& address)
@@ -31,12 +42,12 @@ bool configureLink(CacheManager& manager, const std::string& name, const Address
     Interface wanted(name);
     wanted.setMtu(1400);
     wanted.setUp();
-    if (!wanted.addIp(address, true)) {
-        return done(false, "address");
+    wanted.addIp(address, true);
+    if (!done(manager.update(wanted, seconds), "MTU and address of " + name)) {
+        return false;
     }
-    const bool success = done(manager.update(wanted, seconds), "MTU and address of " + name);
     std::cout << manager.getInterface(name).toString() << '\n';
-    return success;
+    return true;
 }
 
 bool tryVlan(CacheManager& manager, const std::string& parent)

@@ -6,12 +6,11 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <map>
+#include <iterator>
 #include <mutex>
 #include <netlink/route/link.h>
 #include <netlink/route/nexthop.h>
 #include <netlink/route/route.h>
-#include <regex>
 #include <sched.h>
 #include <set>
 #include <sstream>
@@ -152,30 +151,30 @@ bool eventually(std::function<bool()> const& condition, std::chrono::millisecond
 
 namespace {
 
-// Each match of the pattern in the output of the command: its groups.
-std::vector<std::vector<std::string>> scan(const char* command, const char* pattern)
+// The lines that the command prints, in words.
+std::vector<std::vector<std::string>> readWords(std::string const& command)
 {
-    const std::string text = output(command);
-    const std::regex regex(pattern);
+    std::istringstream text(output(command));
     std::vector<std::vector<std::string>> rows;
-    for (std::sregex_iterator match(text.begin(), text.end(), regex), end; match != end; ++match) {
-        rows.emplace_back(std::next(match->begin()), match->end());
+    for (std::string line; std::getline(text, line);) {
+        std::istringstream words(line);
+        rows.emplace_back(std::istream_iterator<std::string>(words), std::istream_iterator<std::string>());
     }
     return rows;
 }
 
 std::string describeKernel()
 {
-    std::map<std::string, std::set<std::string>> ips;
-    for (auto const& row : scan("ip -4 -o address", "(\\S+)\\s+inet (\\S+)(?: peer (\\S+))?")) {
-        ips[row[0]].insert(row[1]);
+    std::set<std::string> withAddress;
+    for (auto const& row : readWords("ip -4 -o address")) {
+        withAddress.insert(row.at(1));
     }
     std::set<std::string> links;
-    for (auto const& row :
-         scan("ip -o link", "\n?\\d+: ([^:@]+)\\S* <([^>]*)> mtu (\\d+).* link/\\S+ (\\S*)")) {
-        const bool up = ("," + row[1] + ",").find(",UP,") != std::string::npos;
-        links.insert(row[0] + (up ? " up " : " down ") + row[2] + " " + row[3] +
-                     (ips[row[0]].empty() ? "" : " with address") + "\n");
+    for (auto const& row : readWords("ip -o link | sed -E 's/^[0-9]+: ([^:@]+)[^<]*<(.*)> mtu ([0-9]+).*"
+                                     " link\\/[a-z]+ ([^ ]*).*/\\1 ,\\2, \\3 \\4/'")) {
+        const bool up = row.at(1).find(",UP,") != std::string::npos;
+        links.insert(row[0] + (up ? " up " : " down ") + row.at(2) + " " + row.at(3) +
+                     (withAddress.count(row[0]) != 0 ? " with address" : "") + "\n");
     }
     std::string text;
     for (auto const& link : links) {
@@ -211,8 +210,9 @@ std::string findDifference(netlink_route::CacheManager const& manager)
             }
         }
     }
-    for (auto const& row : scan("ip -4 route show table all", "(?:^|\n)(?:\\w+ )?(default|[0-9./]+) ")) {
-        const bool complete = row[0].find('/') != std::string::npos || row[0] == "default";
+    for (auto const& row :
+         readWords("ip -4 route show table all type unicast | { grep -v nexthop || true; }")) {
+        const bool complete = row.at(0).find('/') != std::string::npos || row[0] == "default";
         if (!manager.getRoute(ipv4(complete ? row[0] : row[0] + "/32")).isAddedToKernel()) {
             return "no route to " + row[0];
         }
@@ -259,13 +259,3 @@ std::string testNic()
 void enterFirstNamespace() { ASSERT_EQ(0, setns(firstNamespace, CLONE_NEWNET)); }
 
 } // namespace test
-
-int main(int argc, char** argv)
-{
-    if (argc == 2 && std::string(argv[1]) == "--print-trace-level") {
-        std::printf("%d", trace::getLevel());
-        return 0;
-    }
-    testing::InitGoogleMock(&argc, argv);
-    return RUN_ALL_TESTS();
-}

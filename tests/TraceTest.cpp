@@ -74,3 +74,14 @@ TEST(Trace, FirstLevelComesFromTheEnvironment)
 }
 
 } // namespace
+
+// Prints its trace level when the test of the environment asks for it, and runs the tests otherwise.
+int main(int argc, char** argv)
+{
+    if (argc == 2 && std::string(argv[1]) == "--print-trace-level") {
+        std::printf("%d", trace::getLevel());
+        return 0;
+    }
+    testing::InitGoogleMock(&argc, argv);
+    return RUN_ALL_TESTS();
+}

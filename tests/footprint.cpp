@@ -1,5 +1,5 @@
-// What one CacheManager costs, measured from outside (scripts/test-armhf.sh --footprint): says "started" before it
-// constructs the manager, and "running" after; before each step it waits for a line on standard input.
+// A program with one CacheManager, to measure from outside what it costs: scripts/test-armhf.sh --footprint.
+// It says "started" before it constructs the manager and "running" after, and waits for a line after either.
 #include <CacheManager.h>
 
 #include <iostream>

@@ -47,8 +47,7 @@ MyLock::~MyLock()
 
 namespace {
 
-// One manager starts at a time, and hands its caches to its thread, whose argument is the cache manager
-// alone.
+// One manager starts at a time, and hands its caches to its thread, whose argument is the cache manager alone.
 std::mutex startMutex;
 CacheMirror::Caches startingCaches;
 
@@ -95,6 +94,17 @@ void leaveIpv6InterfaceGroup(int descriptor)
 {
     const int group = RTNLGRP_IPV6_IFINFO;
     setsockopt(descriptor, SOL_NETLINK, NETLINK_DROP_MEMBERSHIP, &group, sizeof group);
+}
+
+// libnl knows one provided cache of a kind, and forgets its reference to the one before: another manager's.
+void unprovideOthers()
+{
+    for (const char* const kind : {"route/link", "route/route", "route/addr"}) {
+        nl_cache* const provided = nl_cache_mngt_require(kind);
+        if (provided != nullptr) {
+            nl_cache_mngt_unprovide(provided);
+        }
+    }
 }
 
 // Hands the cache over to the manager. A cache that it does not take is freed, and its pointer nulled.
@@ -147,6 +157,7 @@ CacheManager::CacheManager()
     if (nl_cache_alloc_name("route/addr", &addrCache) != 0) {
         TRACE_ERROR("cache manager cache alloc failed route/addr");
     }
+    unprovideOthers();
     result = addCache(mngr, linkCache, changeCb, this);
     if (result < 0) {
         TRACE_ERROR("cache manager link add failed with %s", nl_geterror(-result));
@@ -174,6 +185,8 @@ CacheManager::~CacheManager()
         pthread_join(thread, nullptr);
     }
     if (mngr != nullptr) {
+        // Not while another one starts, and replaces the provided caches.
+        const std::lock_guard<std::mutex> stopping(startMutex);
         nl_cache_mngr_free(mngr);
         mngr = nullptr;
     }

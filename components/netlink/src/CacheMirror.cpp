@@ -22,16 +22,17 @@ namespace netlink_route {
 
 namespace {
 
-// Lets through what may drop routes silently: an address or a link that goes away, and a link that goes down.
-// A new link is down as well, and is told from that by its change mask, in which the kernel sets every bit.
+// Lets through what may leave the route cache wrong: a route, an address or a link that goes away, and a link that
+// goes down. A new link is down as well, and is told from that by its change mask, in which every bit is set.
 int attachRemovalFilter(int descriptor)
 {
     constexpr unsigned int type = offsetof(nlmsghdr, nlmsg_type);
     constexpr unsigned int flags = NLMSG_HDRLEN + offsetof(ifinfomsg, ifi_flags);
     constexpr unsigned int change = NLMSG_HDRLEN + offsetof(ifinfomsg, ifi_change);
     // The filter reads numbers in network order, and netlink writes them in the host's.
-    std::array<sock_filter, 11> program{{
+    std::array<sock_filter, 12> program{{
         BPF_STMT(BPF_LD | BPF_H | BPF_ABS, type),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELROUTE), 9, 0),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELADDR), 8, 0),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELLINK), 7, 0),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_NEWLINK), 0, 5),
@@ -54,7 +55,7 @@ int openRemovals()
     }
     sockaddr_nl local{};
     local.nl_family = AF_NETLINK;
-    local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR;
+    local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE;
     const bool ready = attachRemovalFilter(descriptor) == 0 &&
                        bind(descriptor, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
     if (!ready) {
@@ -90,19 +91,33 @@ bool reload(nl_cache* cache)
     return true;
 }
 
-// The objects of the cache that the other one does not have. The thread that alone changes the cache may read
-// it without the lock.
-std::vector<nl_object*> findMissing(nl_cache* cache, nl_cache* other)
+// What it takes to make a cache the same as a fresh one.
+struct Difference {
+    std::vector<nl_object*> stale;   // in the cache
+    std::vector<nl_object*> missing; // in the fresh one
+};
+
+// Takes references and sets marks in the fresh cache only: the other one is shared, and may be read without the
+// lock because this thread alone changes it.
+Difference compare(nl_cache* cache, nl_cache* fresh)
 {
-    std::vector<nl_object*> missing;
+    Difference difference;
     for (nl_object* object = nl_cache_get_first(cache); object != nullptr;
          object = nl_cache_get_next(object)) {
-        const ObjectPtr found(nl_cache_search(other, object));
-        if (found == nullptr) {
-            missing.push_back(object);
+        const ObjectPtr current(nl_cache_search(fresh, object));
+        if (current != nullptr && nl_object_diff64(object, current.get()) == 0) {
+            nl_object_mark(current.get());
+        } else {
+            difference.stale.push_back(object);
         }
     }
-    return missing;
+    for (nl_object* object = nl_cache_get_first(fresh); object != nullptr;
+         object = nl_cache_get_next(object)) {
+        if (nl_object_is_marked(object) == 0) {
+            difference.missing.push_back(object);
+        }
+    }
+    return difference;
 }
 
 } // namespace
@@ -133,8 +148,8 @@ void CacheMirror::noteRemovals()
         return;
     }
     lastRemoval = Clock::now();
-    if (!routesDropped) {
-        routesDropped = true;
+    if (!routesDoubtful) {
+        routesDoubtful = true;
         next = std::max(next, lastRemoval + settling);
     }
 }
@@ -156,20 +171,21 @@ bool CacheMirror::removalsSeen()
 
 int CacheMirror::mend()
 {
-    if (!lost && !routesDropped) {
+    if (!lost && !routesDoubtful) {
         return -1;
     }
     const auto start = Clock::now();
     if (start >= next) {
-        const bool mended = lost ? reloadAll() : removeGhosts();
+        const bool mended = lost ? reloadAll() : reconcileRoutes();
         if (mended) {
             lost = false;
-            routesDropped = lastRemoval + settling > start;
+            routesDoubtful = lastRemoval + settling > start;
         }
-        next = Clock::now() + interval;
+        const auto end = Clock::now();
+        next = end + std::max<Clock::duration>(interval, 4 * (end - start));
         noteRemovals();
     }
-    if (!lost && !routesDropped) {
+    if (!lost && !routesDoubtful) {
         return -1;
     }
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
@@ -191,8 +207,8 @@ bool CacheMirror::reloadAll()
     return drain();
 }
 
-// Removes the routes that the kernel no longer has.
-bool CacheMirror::removeGhosts()
+// Makes the route cache the same as the kernel's routes. False when they could not be read.
+bool CacheMirror::reconcileRoutes()
 {
     if (caches.route == nullptr) {
         return true;
@@ -201,10 +217,16 @@ bool CacheMirror::removeGhosts()
     if (fresh == nullptr) {
         return false;
     }
-    const std::vector<nl_object*> ghosts = findMissing(caches.route, fresh.get());
-    if (!ghosts.empty()) {
-        const MyLock lock("nl_cache_remove");
-        std::for_each(ghosts.begin(), ghosts.end(), nl_cache_remove);
+    const Difference difference = compare(caches.route, fresh.get());
+    if (difference.stale.empty() && difference.missing.empty()) {
+        return true;
+    }
+    const MyLock lock("nl_cache_move");
+    for (nl_object* const object : difference.stale) {
+        nl_cache_remove(object);
+    }
+    for (nl_object* const object : difference.missing) {
+        nl_cache_move(caches.route, object);
     }
     return true;
 }

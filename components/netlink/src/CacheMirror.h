@@ -8,9 +8,10 @@ struct nl_cache_mngr;
 
 namespace netlink_route {
 
-// Two things make a cache differ from the kernel for good: notifications that were lost because the event
-// socket overran, and IPv4 routes that the kernel drops without a word when a link goes down or away, or an
-// IPv4 address away. Both are mended by reading the kernel again and comparing.
+// Three things make a cache differ from the kernel for good: notifications that were lost because the event socket
+// overran; IPv4 routes that the kernel drops without a word when a link goes down or away, or an IPv4 address
+// away; and two routes that differ in their next hops alone, of which libnl holds one, and none once either was
+// removed. All are mended by reading the kernel again and comparing.
 //
 // Used by the event thread alone: note() after each pass, mend() before it sleeps. The kernel is read rarely
 // (`interval`) and into a cache of its own, and the lock is held only while the outcome is applied: neither a
@@ -38,7 +39,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    // The least time between two reads.
+    // The least time between two reads; a read that takes long makes it longer.
     static constexpr std::chrono::milliseconds interval{500};
     // The kernel notifies a removal first and drops the routes right after. By then it is done with both.
     static constexpr std::chrono::milliseconds settling{100};
@@ -46,14 +47,14 @@ private:
     void noteRemovals();
     bool removalsSeen();
     bool reloadAll();
-    bool removeGhosts();
+    bool reconcileRoutes();
     bool drain();
 
     nl_cache_mngr* manager;
     Caches caches;
-    int removals; // a socket that receives only what may drop routes silently; -1: could not be opened
+    int removals; // a socket that receives only what may leave the route cache wrong; -1: could not be opened
     bool lost = false;
-    bool routesDropped = true; // what went before the socket was there is unknown
+    bool routesDoubtful = true; // what went before the socket was there is unknown
     Clock::time_point lastRemoval = Clock::now();
     Clock::time_point next = lastRemoval + settling; // no read before
 };
