@@ -371,9 +371,8 @@ TEST_F(Vlans, FailuresAreLoggedLineByLine)
     EXPECT_THAT(
         test::takeLog(),
         ElementsAre(debug1 + "vlan with name v0.5000 was not yet added",
-                    error +
-                        "(update) - adding failed with Numerical result out of range for device id 5000 and "
-                        "name v0.5000"));
+                    error + "(update) - adding failed with Input data out of range for device id 5000 and "
+                            "name v0.5000"));
     Vlan vlan("v0.7");
     EXPECT_FALSE(manager.update(vlan, 0)); // made, and not verified
     ASSERT_TRUE(eventually([&] { return manager.getVlan("v0.7").isAddedToKernel(); }));
@@ -382,8 +381,7 @@ TEST_F(Vlans, FailuresAreLoggedLineByLine)
     vlan.setMtu(9000); // more than its parent's
     EXPECT_FALSE(manager.update(vlan, tries));
     EXPECT_THAT(test::takeLog(),
-                ElementsAre(error +
-                            "(update) - update failed with Numerical result out of range for device id " +
+                ElementsAre(error + "(update) - update failed with Input data out of range for device id " +
                             std::to_string(vlan.getIndex()) + " and name v0.7"));
     vlan.setMtu(1300);
     vlan.setVlanIndex(8); // an existing VLAN keeps its id

@@ -68,6 +68,40 @@ TEST_F(Mirror, RoutesDroppedSilentlyLeaveWithinASecond)
     }
 }
 
+TEST_F(Mirror, OneOfTwoRoutesToANetworkStays)
+{
+    run("ip address add 10.0.0.9/24 dev w0"); // libnl holds one of the two connected routes
+    const CacheManager manager;
+    run("ip address delete 10.0.0.9/24 dev w0");
+    EXPECT_TRUE(mirrorsKernel(manager));
+    run("ip route append 10.6.0.0/16 via 10.0.0.2; ip route append 10.6.0.0/16 via 10.1.0.2");
+    ASSERT_TRUE(eventually(
+        [&] { return manager.getRoute(ipv4("10.6.0.0/16")).getGateway().getAddress() == "10.1.0.2"; }));
+    run("ip link set w0 down");
+    EXPECT_TRUE(eventually(
+        [&] { return manager.getRoute(ipv4("10.6.0.0/16")).getGateway().getAddress() == "10.0.0.2"; }));
+}
+
+TEST_F(Mirror, TablesAreReadRarely)
+{
+    const CacheManager manager;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300)); // what came before the start is checked once
+    const int before = test::refillCount();
+    run("ip link add new type veth peer name wen; ip link set new up mtu 1300; ip address add 10.7.0.1/24 "
+        "dev new; "
+        "ip link set wen up alias x; ip route add 10.8.0.0/16 dev new; ip link set v0 mtu 1300");
+    EXPECT_TRUE(mirrorsKernel(manager));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(before, test::refillCount()); // nothing was removed
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+    while (std::chrono::steady_clock::now() < end) {
+        run("ip link set new down; ip link set new up");
+    }
+    EXPECT_TRUE(mirrorsKernel(manager));
+    EXPECT_GT(test::refillCount(), before);
+    EXPECT_LE(test::refillCount(), before + 6);
+}
+
 TEST_F(Mirror, FlappingLinkKeepsNoQueryWaiting)
 {
     run("for i in $(seq 0 4999); do echo route add 20.$((i / 250)).$((i % 250)).0/24 dev w0; done | ip "

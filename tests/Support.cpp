@@ -1,6 +1,7 @@
 #include "Support.h"
 
 #include <array>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 #include <fcntl.h>
 #include <iterator>
 #include <mutex>
+#include <netlink/cache.h>
 #include <netlink/route/link.h>
 #include <netlink/route/nexthop.h>
 #include <netlink/route/route.h>
@@ -22,7 +24,8 @@ namespace {
 
 std::mutex logMutex;
 std::vector<std::string> lines;
-int sleeps = 0;
+std::atomic<int> sleeps{0};
+std::atomic<int> refills{0};
 int allocations = 0;
 int failFrom = 0;
 const int firstNamespace = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
@@ -79,6 +82,12 @@ unsigned int sleep(unsigned int seconds)
     return next<decltype(sleep)>("sleep")(seconds);
 }
 
+int nl_cache_refill(nl_sock* socket, nl_cache* cache)
+{
+    ++refills;
+    return next<decltype(nl_cache_refill)>("nl_cache_refill")(socket, cache);
+}
+
 rtnl_link* rtnl_link_alloc()
 {
     return failsNow() ? nullptr : next<decltype(rtnl_link_alloc)>("rtnl_link_alloc")();
@@ -122,6 +131,8 @@ void failAllocations(int first)
 }
 
 int sleepCount() { return sleeps; }
+
+int refillCount() { return refills; }
 
 std::string output(std::string const& command)
 {
