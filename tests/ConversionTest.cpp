@@ -13,7 +13,6 @@ namespace {
 
 using test::ipv4;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 const std::string prefix = "CacheManager.cpp:N ";
 

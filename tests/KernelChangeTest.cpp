@@ -435,7 +435,8 @@ TEST_F(Routes, AreAddedFoundAndRemoved)
         {special, "10.4.0.0/16 tos 0x08 via 10.0.0.2 dev v0 src 10.0.0.1 metric 70"},
         {unreachable, "7 10.5.0.0/16 proto 4"}};
     const test::TraceLevel scope(3);
-    for (const auto& [route, shown] : cases) {
+    for (const auto& [wanted, shown] : cases) {
+        const Route& route = wanted;
         EXPECT_TRUE(manager.update(route, 0));
         EXPECT_THAT(output("ip -N -4 route show table all"), HasSubstr(shown));
         const Address destination = route.getDestination();
@@ -493,10 +494,11 @@ TEST_F(Routes, RefusalsReturnAtOnce)
     });
     EXPECT_LT(seconds, 0.9);
     auto lines = test::takeLog();
-    lines.erase(
-        std::remove_if(lines.begin(), lines.end(),
-                       [](std::string const& line) { return line.find("an empty address") != line.npos; }),
-        lines.end());
+    lines.erase(std::remove_if(lines.begin(), lines.end(),
+                               [](std::string const& line) {
+                                   return line.find("an empty address") != std::string::npos;
+                               }),
+                lines.end());
     EXPECT_THAT(
         lines,
         ElementsAre("7 [DEBUG2] CacheManager.cpp:N (update) - updating route " + unreachable.toString(),

@@ -194,16 +194,19 @@ TEST_F(Start, SignalsCostOneLineEachAtMost)
     action.sa_handler = [](int) {};
     sigaction(SIGUSR1, &action, nullptr);
     const CacheManager manager;
-    const std::string self = std::to_string(getpid());
-    long thread = 0;
+    std::vector<int> threads; // the event thread, and perhaps a sanitizer's own, which blocks signals
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        thread = std::max(thread, std::stol(entry.path().filename().string()));
+        const int thread = std::stoi(entry.path().filename());
+        if (thread != getpid()) {
+            threads.push_back(thread);
+        }
     }
-    ASSERT_NE(self, std::to_string(thread));
     const test::TraceLevel scope(3);
     constexpr std::size_t signals = 1000;
     for (std::size_t i = 0; i < signals; ++i) {
-        syscall(SYS_tgkill, getpid(), thread, SIGUSR1);
+        for (const int thread : threads) {
+            syscall(SYS_tgkill, getpid(), thread, SIGUSR1);
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     const auto lines = test::takeLog();

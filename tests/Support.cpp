@@ -30,7 +30,7 @@ int allocations = 0;
 int failFrom = 0;
 const int firstNamespace = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
 
-void keep(int priority, const char* format, va_list arguments)
+[[gnu::format(printf, 2, 0)]] void keep(int priority, const char* format, va_list arguments)
 {
     va_list copy;
     va_copy(copy, arguments);
@@ -67,8 +67,8 @@ void syslog(int priority, const char* format, ...)
     va_end(arguments);
 }
 
-void __syslog_chk(int priority, int /*flag*/, const char* format, ...); // NOLINT
-void __syslog_chk(int priority, int /*flag*/, const char* format, ...)  // NOLINT
+[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int flag, const char* format, ...); // NOLINT
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...)                            // NOLINT
 {
     va_list arguments;
     va_start(arguments, format);

@@ -7,8 +7,9 @@
 
 namespace {
 
-using testing::ElementsAre;
 using testing::IsEmpty;
+
+std::string program; // this one's path
 
 void writeAll()
 {
@@ -67,8 +68,7 @@ TEST(Trace, FirstLevelComesFromTheEnvironment)
     const std::vector<std::pair<std::string, std::string>> cases{
         {"7", "7"}, {"-3", "-3"}, {"", "0"}, {"7x", "0"}, {"x", "0"}, {"99999999999", "0"}};
     for (const auto& [text, level] : cases) {
-        EXPECT_EQ(level, test::output("TRACE_LEVEL='" + text + "' /proc/" + std::to_string(getpid()) +
-                                      "/exe --print-trace-level"))
+        EXPECT_EQ(level, test::output("TRACE_LEVEL='" + text + "' '" + program + "' --print-trace-level"))
             << text;
     }
 }
@@ -82,6 +82,7 @@ int main(int argc, char** argv)
         std::printf("%d", trace::getLevel());
         return 0;
     }
+    program = argv[0];
     testing::InitGoogleMock(&argc, argv);
     return RUN_ALL_TESTS();
 }
