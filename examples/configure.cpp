@@ -7,10 +7,12 @@
 // command in the environment variable CONFIGURE_WATCH is run after each step, such as CONFIGURE_WATCH='ip address'.
 #include <CacheManager.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <string>
 #include <syslog.h>
+#include <thread>
 
 namespace {
 
@@ -71,7 +73,13 @@ bool tryRoute(CacheManager& manager, const std::string& gateway)
     if (!done(manager.update(wanted, 0), "route to " + network.getAddress())) {
         return false;
     }
-    std::cout << manager.getRoute(network).toString() << '\n';
+    // The caches show it when its notification has arrived.
+    Route found = manager.getRoute(network);
+    for (int attempt = 0; attempt < 1000 && !found.isAddedToKernel(); ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        found = manager.getRoute(network);
+    }
+    std::cout << found.toString() << '\n';
     return done(manager.remove(wanted), "removal of the route");
 }
 

@@ -42,15 +42,6 @@ long residentKiB()
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-bool lockIsFree()
-{
-    const bool locked = pthread_mutex_trylock(&mutex_man) == 0;
-    if (locked) {
-        pthread_mutex_unlock(&mutex_man);
-    }
-    return locked;
-}
-
 TEST_F(Start, LogsItsSteps)
 {
     const test::TraceLevel scope(8);
@@ -107,7 +98,7 @@ TEST_F(Start, StopsInTheMiddleOfEvents)
     }
     stop = true;
     other.join();
-    EXPECT_TRUE(lockIsFree());
+    EXPECT_TRUE(test::lockIsFree());
 }
 
 // Leaves exactly that many descriptors free for as long as it lives.

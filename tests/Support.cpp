@@ -1,5 +1,7 @@
 #include "Support.h"
 
+#include "MyLock.h"
+
 #include <array>
 #include <atomic>
 #include <cstdarg>
@@ -26,6 +28,7 @@ std::mutex logMutex;
 std::vector<std::string> lines;
 std::atomic<int> sleeps{0};
 std::atomic<int> refills{0};
+std::atomic<int> lockedRefills{0};
 int allocations = 0;
 int failFrom = 0;
 const int firstNamespace = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
@@ -85,6 +88,7 @@ unsigned int sleep(unsigned int seconds)
 int nl_cache_refill(nl_sock* socket, nl_cache* cache)
 {
     ++refills;
+    lockedRefills += test::lockIsFree() ? 0 : 1;
     return next<decltype(nl_cache_refill)>("nl_cache_refill")(socket, cache);
 }
 
@@ -133,6 +137,17 @@ void failAllocations(int first)
 int sleepCount() { return sleeps; }
 
 int refillCount() { return refills; }
+
+int lockedRefillCount() { return lockedRefills; }
+
+bool lockIsFree()
+{
+    const bool locked = pthread_mutex_trylock(&mutex_man) == 0;
+    if (locked) {
+        pthread_mutex_unlock(&mutex_man);
+    }
+    return locked;
+}
 
 std::string output(std::string const& command)
 {

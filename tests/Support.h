@@ -28,9 +28,14 @@ public:
 // Makes libnl's allocations of links, routes and next hops fail, the n-th of each and every later one, 0: none.
 void failAllocations(int first);
 
-// How often, all in all, sleep(3) was called, and libnl's function that reads a whole table from the kernel.
+// How often, all in all, sleep(3) was called, libnl's function that reads a whole table from the kernel, and the
+// same while the lock of the caches was held.
 int sleepCount();
 int refillCount();
+int lockedRefillCount();
+
+// Whether nobody holds the lock of the caches.
+bool lockIsFree();
 
 // Runs a shell command. `run` expects it to succeed, `output` returns what it printed.
 void run(std::string const& command);

@@ -578,13 +578,13 @@ namespace {
 
 rtnl_link* toLink(nl_object* object) { return reinterpret_cast<rtnl_link*>(object); }
 
-// The kernel notifies a port of a bridge a second time, as a link of the bridge's family. That is not the
-// link.
-bool isPortTwin(rtnl_link* link)
+// The kernel notifies a link once more for IPv6, and a port for its bridge. libnl keeps these as further objects, by
+// their family, which are not the link. A bridge itself has the family, too.
+bool isTwin(rtnl_link* link)
 {
     const char* const kind = rtnl_link_get_type(link);
     const bool isBridge = kind != nullptr && std::strcmp(kind, "bridge") == 0;
-    return rtnl_link_get_family(link) == AF_BRIDGE && !isBridge;
+    return rtnl_link_get_family(link) != AF_UNSPEC && !isBridge;
 }
 
 // The link of that name, or null.
@@ -594,14 +594,14 @@ LinkPtr findLink(nl_cache* cache, std::string const& name)
         return nullptr;
     }
     LinkPtr first(rtnl_link_get_by_name(cache, name.c_str()));
-    if (first == nullptr || !isPortTwin(first.get())) {
+    if (first == nullptr || !isTwin(first.get())) {
         return first;
     }
     for (nl_object* object = nl_cache_get_first(cache); object != nullptr;
          object = nl_cache_get_next(object)) {
         rtnl_link* const link = toLink(object);
         const char* const linkName = rtnl_link_get_name(link);
-        if (linkName != nullptr && name == linkName && !isPortTwin(link)) {
+        if (linkName != nullptr && name == linkName && !isTwin(link)) {
             nl_object_get(object);
             return LinkPtr(link);
         }
@@ -709,7 +709,7 @@ std::vector<std::string> CacheManager::getListOfInterfaces() const
     nl_object* object = linkCache != nullptr ? nl_cache_get_first(linkCache) : nullptr;
     for (; object != nullptr; object = nl_cache_get_next(object)) {
         const char* const name = rtnl_link_get_name(toLink(object));
-        if (name != nullptr && !isPortTwin(toLink(object))) {
+        if (name != nullptr && !isTwin(toLink(object))) {
             names.emplace_back(name);
         }
     }

@@ -12,6 +12,7 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <netlink/errno.h>
 #include <netlink/netlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -30,17 +31,22 @@ int attachRemovalFilter(int descriptor)
     constexpr unsigned int flags = NLMSG_HDRLEN + offsetof(ifinfomsg, ifi_flags);
     constexpr unsigned int change = NLMSG_HDRLEN + offsetof(ifinfomsg, ifi_change);
     // The filter reads numbers in network order, and netlink writes them in the host's.
+    // clang-format off
     std::array<sock_filter, 12> program{{
         BPF_STMT(BPF_LD | BPF_H | BPF_ABS, type),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELROUTE), 9, 0),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELADDR), 8, 0),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELLINK), 7, 0),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_NEWLINK), 0, 5),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, flags), BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, htonl(IFF_UP), 3, 0),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, change), BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ~0U, 1, 0),
-        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, htonl(IFF_UP), 1, 0), BPF_STMT(BPF_RET | BPF_K, 0), // drop
-        BPF_STMT(BPF_RET | BPF_K, ~0U),                                                          // keep
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, flags),
+        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, htonl(IFF_UP), 3, 0),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, change),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ~0U, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, htonl(IFF_UP), 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, 0),   // drop
+        BPF_STMT(BPF_RET | BPF_K, ~0U), // keep
     }};
+    // clang-format on
     const sock_fprog filter{program.size(), program.data()};
     return setsockopt(descriptor, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter);
 }
@@ -65,14 +71,22 @@ int openRemovals()
     return descriptor;
 }
 
-// What the kernel holds now of the kind that the cache is for, or null. Read over a socket of its own, on
-// which nothing else arrives.
+// Ends a read that changes of the kernel have made inconsistent. Left alone, libnl would begin again at once, for as
+// long as the changes go on.
+int stopRead(nl_msg* /*message*/, void* /*argument*/) { return -NLE_AGAIN; }
+
+// What the kernel holds now of the kind that the cache is for, or null. Read over a socket of its own, on which
+// nothing else arrives.
 CachePtr readKernel(nl_cache* cache)
 {
     const SocketPtr socket(nl_socket_alloc());
     CachePtr fresh(nl_cache_alloc(nl_cache_get_ops(cache)));
-    const bool read = socket != nullptr && fresh != nullptr && nl_connect(socket.get(), NETLINK_ROUTE) == 0 &&
-                      nl_cache_refill(socket.get(), fresh.get()) == 0;
+    if (socket == nullptr || fresh == nullptr) {
+        return nullptr;
+    }
+    nl_socket_modify_cb(socket.get(), NL_CB_DUMP_INTR, NL_CB_CUSTOM, stopRead, nullptr);
+    const bool read =
+        nl_connect(socket.get(), NETLINK_ROUTE) == 0 && nl_cache_refill(socket.get(), fresh.get()) == 0;
     return read ? std::move(fresh) : nullptr;
 }
 
