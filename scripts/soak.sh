@@ -19,4 +19,4 @@ install_missing "${build_packages[@]}" "${kernel_packages[@]}"
 build release netlink_route_soak
 runner=confined
 [[ ${2:-} != --uml ]] || runner=run_in_uml
-"$runner" "$(($1 + 60))" env SOAK_SECONDS="$1" build/release/tests/netlink_route_soak
+"$runner" "$(($1 + 60))" env SOAK_SECONDS="$1" build/release/bench/netlink_route_soak

@@ -95,7 +95,7 @@ guest_footprint() {
     step kernel [ "$kernel" = "10 links, 10 addresses, 20 routes" ]
 
     mkfifo /tmp/in /tmp/out
-    "$build/tests/footprint" </tmp/in >/tmp/out &
+    "$build/bench/netlink_route_footprint" </tmp/in >/tmp/out &
     process=$!
     exec 3>/tmp/in 4</tmp/out
     read -r _ <&4 # started
@@ -171,7 +171,7 @@ copy_system() {
 copy_build() {
     local file
     cd "$build"
-    find components examples tests -name CMakeFiles -prune -o \
+    find bench components examples tests -name CMakeFiles -prune -o \
         '(' -type f -executable -o -name '*.so*' ')' -print >"$scratch/files"
     while read -r file; do
         mkdir -p "$root$build/${file%/*}"
@@ -271,7 +271,7 @@ kernels=("$sysroot"/boot/vmlinuz-*)
 version=${kernels[0]#*/vmlinuz-}
 
 if [[ $* == --footprint ]]; then
-    build armhf footprint
+    build armhf netlink_route_footprint
     boot guest_footprint
     check_size
     steps=(kernel idle footprint size)

@@ -122,9 +122,8 @@ public:
     static void* cacheThread(void* arg); // arg: the nl_cache_mngr
 
 private:
-    // Steps of the updates, called as the lines that they log say. The first two send the request, the last
+    // Steps of the update of a VLAN, called as the lines that they log say: one sends the request, the other
     // verifies the addresses.
-    NETLINK_ROUTE_LOCAL bool update(Interface const& wanted, Interface const& current);
     NETLINK_ROUTE_LOCAL bool update(Vlan const& wanted, Interface const& parent, Vlan const& current);
     NETLINK_ROUTE_LOCAL bool update(Vlan const& wanted, Vlan found, int tries);
 

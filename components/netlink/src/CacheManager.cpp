@@ -804,19 +804,12 @@ int checkLink(rtnl_link* link, std::string const& name)
     return link != nullptr ? 0 : -NLE_NOMEM;
 }
 
-int changeLink(std::mutex& mutex, RouteSocket& socket, rtnl_link* link, std::string const& name)
+// Changes the link that exists, or creates it.
+int sendLink(std::mutex& mutex, RouteSocket& socket, rtnl_link* link, std::string const& name, bool exists)
 {
     const int check = checkLink(link, name);
     return check != 0 ? check : sendGuarded(mutex, socket, [&](nl_sock* sock) {
-        return rtnl_link_change(sock, link, link, 0);
-    });
-}
-
-int createLink(std::mutex& mutex, RouteSocket& socket, rtnl_link* link, std::string const& name)
-{
-    const int check = checkLink(link, name);
-    return check != 0 ? check : sendGuarded(mutex, socket, [&](nl_sock* sock) {
-        return rtnl_link_add(sock, link, NLM_F_CREATE);
+        return exists ? rtnl_link_change(sock, link, link, 0) : rtnl_link_add(sock, link, NLM_F_CREATE);
     });
 }
 
@@ -871,33 +864,25 @@ void replaceIps(CacheManager& manager, int index, Interface const& wanted)
 
 } // namespace
 
-bool CacheManager::update(Interface const& wanted, Interface const& current)
-{
-    const std::string name = wanted.getName();
-    if (current.getIndex() != 0) {
-        const LinkPtr link(convertToLink(withoutKnownAddresses(wanted, current)));
-        const int result = changeLink(requestMutex, routeSocket, link.get(), name);
-        if (result != 0) {
-            TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result),
-                        wanted.getIndex(), name.c_str());
-        }
-        return result == 0;
-    }
-    TRACE_DEBUG1("interface with name %s was not yet added", name.c_str());
-    const LinkPtr link(convertToLink(wanted));
-    const int result = createLink(requestMutex, routeSocket, link.get(), name);
-    if (result != 0) {
-        TRACE_ERROR("adding failed with %s for device id %d and name %s", nl_geterror(-result),
-                    wanted.getIndex(), name.c_str());
-    }
-    return result == 0;
-}
-
 bool CacheManager::update(Interface const& interface, int tries)
 {
     TRACE_DEBUG2("update start with interface %s", interface.toString().c_str());
     const std::string name = interface.getName();
-    if (!update(interface, getInterface(name))) {
+    const Interface current = getInterface(name);
+    const bool exists = current.getIndex() != 0;
+    if (!exists) {
+        TRACE_DEBUG1("interface with name %s was not yet added", name.c_str());
+    }
+    const LinkPtr link(convertToLink(withoutKnownAddresses(interface, current)));
+    const int result = sendLink(requestMutex, routeSocket, link.get(), name, exists);
+    if (result != 0 && exists) {
+        TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result),
+                    interface.getIndex(), name.c_str());
+        return false;
+    }
+    if (result != 0) {
+        TRACE_ERROR("adding failed with %s for device id %d and name %s", nl_geterror(-result),
+                    interface.getIndex(), name.c_str());
         return false;
     }
     Interface found = getInterface(name);
@@ -946,22 +931,20 @@ bool CacheManager::remove(Interface const& interface)
 bool CacheManager::update(Vlan const& wanted, Interface const& parent, Vlan const& current)
 {
     const std::string name = wanted.getName();
-    if (current.getIndex() != 0) {
-        const LinkPtr link(convertToLink(withoutKnownAddresses(wanted, current)));
-        const int result = changeLink(requestMutex, routeSocket, link.get(), name);
-        if (result != 0) {
-            TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result),
-                        wanted.getIndex(), name.c_str());
-        }
-        return result == 0;
+    const bool exists = current.getIndex() != 0;
+    if (!exists) {
+        TRACE_DEBUG1("vlan with name %s was not yet added", name.c_str());
     }
-    TRACE_DEBUG1("vlan with name %s was not yet added", name.c_str());
-    const LinkPtr link(convertToLink(wanted));
-    if (link != nullptr) {
+    const LinkPtr link(convertToLink(withoutKnownAddresses(wanted, current)));
+    if (!exists && link != nullptr) {
         rtnl_link_set_link(link.get(), parent.getIndex());
     }
-    const int result = createLink(requestMutex, routeSocket, link.get(), name);
-    if (result != 0) {
+    const int result = sendLink(requestMutex, routeSocket, link.get(), name, exists);
+    if (result != 0 && exists) {
+        TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result),
+                    wanted.getIndex(), name.c_str());
+    }
+    if (result != 0 && !exists) {
         TRACE_ERROR("adding failed with %s for device id %d and name %s", nl_geterror(-result),
                     wanted.getVlanIndex(), name.c_str());
     }
