@@ -25,10 +25,11 @@
 namespace {
 
 std::mutex logMutex;
-std::vector<std::string> lines;
+std::vector<std::pair<std::thread::id, std::string>> lines;
 std::atomic<int> sleeps{0};
 std::atomic<int> refills{0};
 std::atomic<int> lockedRefills{0};
+std::atomic<int> unlockedChanges{0};
 int allocations = 0;
 int failFrom = 0;
 const int firstNamespace = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
@@ -47,7 +48,7 @@ const int firstNamespace = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
         text.replace(colon + 5, text.find(' ', colon) - colon - 5, "N");
     }
     const std::lock_guard<std::mutex> guard(logMutex);
-    lines.push_back(std::to_string(priority) + " " + text);
+    lines.emplace_back(std::this_thread::get_id(), std::to_string(priority) + " " + text);
 }
 
 template <typename Function>
@@ -92,6 +93,18 @@ int nl_cache_refill(nl_sock* socket, nl_cache* cache)
     return next<decltype(nl_cache_refill)>("nl_cache_refill")(socket, cache);
 }
 
+int nl_cache_move(nl_cache* cache, nl_object* object)
+{
+    unlockedChanges += test::lockIsFree() ? 1 : 0;
+    return next<decltype(nl_cache_move)>("nl_cache_move")(cache, object);
+}
+
+void nl_cache_remove(nl_object* object)
+{
+    unlockedChanges += test::lockIsFree() ? 1 : 0;
+    next<decltype(nl_cache_remove)>("nl_cache_remove")(object);
+}
+
 rtnl_link* rtnl_link_alloc()
 {
     return failsNow() ? nullptr : next<decltype(rtnl_link_alloc)>("rtnl_link_alloc")();
@@ -110,11 +123,26 @@ rtnl_nexthop* rtnl_route_nh_alloc()
 
 namespace test {
 
-std::vector<std::string> takeLog()
+namespace {
+
+std::vector<std::string> take(bool own)
 {
     const std::lock_guard<std::mutex> guard(logMutex);
-    return std::exchange(lines, {});
+    std::vector<std::string> result;
+    for (auto const& [thread, text] : lines) {
+        if ((thread == std::this_thread::get_id()) == own) {
+            result.push_back(text);
+        }
+    }
+    lines.clear();
+    return result;
 }
+
+} // namespace
+
+std::vector<std::string> takeLog() { return take(true); }
+
+std::vector<std::string> takeLogOfOthers() { return take(false); }
 
 TraceLevel::TraceLevel(int level)
 {
@@ -139,6 +167,8 @@ int sleepCount() { return sleeps; }
 int refillCount() { return refills; }
 
 int lockedRefillCount() { return lockedRefills; }
+
+int unlockedChangeCount() { return unlockedChanges; }
 
 bool lockIsFree()
 {

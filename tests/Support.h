@@ -13,8 +13,10 @@
 
 namespace test {
 
-// The lines that went to syslog since the last call: "priority text", the source line written as N.
+// The lines that went to syslog since the last call of either: "priority text", the source line written as N. The
+// first returns those of the calling thread, the second those of all others, such as the event thread.
 std::vector<std::string> takeLog();
+std::vector<std::string> takeLogOfOthers();
 
 // Sets the trace level for a scope, and starts it with an empty log.
 class TraceLevel {
@@ -33,6 +35,9 @@ void failAllocations(int first);
 int sleepCount();
 int refillCount();
 int lockedRefillCount();
+
+// How often libnl's functions that change a cache were called while the lock of the caches was free.
+int unlockedChangeCount();
 
 // Whether nobody holds the lock of the caches.
 bool lockIsFree();

@@ -22,24 +22,28 @@ struct rtnl_route;
 
 namespace netlink_route {
 
-// Reads and changes the network configuration of the kernel, in the network namespace of the thread that
-// constructs it.
+// Reads and changes the network configuration of the kernel.
 //
-// The manager mirrors the kernel's links, routes and addresses in caches that its own event thread keeps
-// current. Queries answer from the caches, never ask the kernel, and return values that share nothing with
-// the manager. Changes are requests to the kernel; the caches show them when the kernel's notification has
-// arrived, a moment after the request was accepted.
+// The manager mirrors the kernel's links, routes and addresses in caches that its own event thread keeps current.
+// Queries answer from the caches, never ask the kernel, and return values that share nothing with the manager.
+// Changes are requests to the kernel; the caches show them when the kernel's notification has arrived, a moment
+// after the request was accepted. Routes that the kernel drops without a notification, with a link that goes down
+// for one, leave the caches within a second, if the table is not very large.
 //
 // Threading: every operation may be called from any thread at any time between construction and destruction.
-// Queries wait for one another and for a cache update in progress, never for the kernel.
+// Queries wait for one another and for a cache update in progress, never for the kernel. The event thread blocks
+// no signals.
 //
-// Failures: nothing throws on a failure of the kernel, and no error code is returned. A failure is logged
-// (see README.md) and told by false, by null, or by a value whose isAddedToKernel() is false. The constructor
-// only logs: a manager that could not start answers "not found" to every query, and its changes fail.
+// Failures: nothing throws on a failure of the kernel, and no error code is returned. A failure is logged (see
+// README.md) and told by false, by null, or by a value whose isAddedToKernel() is false. The constructor only
+// logs: a manager that could not start answers "not found" to every query, and refuses every change.
+//
+// Network namespaces: queries and updates concern the namespace of the thread that made the manager. Adding an
+// address, and all removals, concern that of the calling thread. Call them from the same one.
 class NETLINK_ROUTE_API CacheManager {
 public:
     CacheManager();
-    ~CacheManager(); // stops the event thread; no other operation may be in progress
+    ~CacheManager(); // no other operation may be in progress; waits for the event thread's work of the moment
     CacheManager(CacheManager const&) = delete;
     CacheManager& operator=(CacheManager const&) = delete;
 
@@ -72,12 +76,17 @@ public:
 
     // ---- Changes of links ----
 
-    // Creates the link, or changes the one of that name, then replaces its IPv4 address by the wanted ones.
-    // After each of the two steps it waits until the caches show the wanted state: `tries` attempts, one
-    // second apart. A wanted interface without addresses leaves the link's addresses alone; one with two or
-    // more never passes the second wait, since a link is read with one address. With `tries` 0 the first wait
-    // fails at once; below 0 nothing is waited for or verified. False leaves what was done before the
-    // failure.
+    // Changes the link of that name, then replaces its IPv4 address by the wanted ones. A link that does not exist is
+    // asked for without a kind, which the kernel refuses: only VLANs can be created.
+    //
+    // After each of the two steps the update waits until the caches show the wanted state: `tries` attempts, one
+    // second apart. With `tries` 0 the first wait fails at once; below 0 nothing is waited for or verified. The
+    // wait compares as operator== does, and the text of the address. So these wait in vain: two or more wanted
+    // addresses, since a link is read with one; an address with /32 and a MAC with capital letters, since they
+    // are read back otherwise; another ARP type, which the kernel does not take.
+    //
+    // A wanted interface without addresses leaves those of the link alone. False leaves what was done before the
+    // failure; addresses that are refused do not bring the old one back.
     bool update(Interface const& interface, int tries);
 
     // The same for a VLAN, on the parent link that its name gives: the part before the first '.'. The parent
@@ -122,8 +131,13 @@ public:
     static void* cacheThread(void* arg); // arg: the nl_cache_mngr
 
 private:
-    // Steps of the update of a VLAN, called as the lines that they log say: one sends the request, the other
-    // verifies the addresses.
+    NETLINK_ROUTE_LOCAL void freeCaches();
+
+    // Sends on routeSocket. Returns libnl's result.
+    NETLINK_ROUTE_LOCAL int sendLink(rtnl_link* link, std::string const& name, bool exists);
+
+    // Steps of the update of a VLAN, called update because their log lines carry the name: one sends the request,
+    // the other verifies the addresses.
     NETLINK_ROUTE_LOCAL bool update(Vlan const& wanted, Interface const& parent, Vlan const& current);
     NETLINK_ROUTE_LOCAL bool update(Vlan const& wanted, Vlan found, int tries);
 

@@ -12,8 +12,11 @@ namespace netlink_route {
 // One network link: what a caller wants it to be, or what the kernel holds for it.
 //
 // A plain value: copies share nothing with the original, and no object follows the kernel. A zero number and
-// an empty text mean "not given": a comparison lets them match anything, and an update does not send them.
-// The up state and the dormant mode have no such state and are always sent.
+// an empty text mean "not given": a comparison lets them match anything, and an update does not send them. The
+// up state and the dormant mode have no such state and are always sent.
+//
+// The kernel takes the numbers of queues only when it creates a link, and never the ARP type, the queueing
+// discipline and the promiscuity count: these are there to be read.
 //
 // Every setter returns whether it took the value; a refused value leaves the object as it was.
 class NETLINK_ROUTE_API Interface : public AddedToKernelInterface {
@@ -112,7 +115,8 @@ private:
 };
 
 // Whether both may describe the same link: the names are equal, and index, group, MAC and broadcast address,
-// MTU and ARP type are equal wherever both sides give them. Nothing else is compared. Not transitive.
+// MTU and ARP type are equal wherever both sides give them. Nothing else is compared. Texts are compared as they
+// are, capital letters included. Not transitive.
 NETLINK_ROUTE_API bool operator==(Interface const& lhs, Interface const& rhs);
 NETLINK_ROUTE_API bool operator!=(Interface const& lhs, Interface const& rhs);
 

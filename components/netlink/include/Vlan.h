@@ -10,9 +10,8 @@ namespace netlink_route {
 // One VLAN sub-interface: an Interface with a VLAN index. Its name is parent.index, such as eth0.100.
 class NETLINK_ROUTE_API Vlan : public Interface {
 public:
-    // Takes the VLAN index from the number that follows the first '.' of the name, or that begins a name
-    // without
-    // '.'; 0 when there is no number, the nearest int when it does not fit. setName leaves the index alone.
+    // Takes the VLAN index from the number after the first '.' of the name, or at the start of a name without '.':
+    // 0 when there is none, the nearest int when it does not fit. setName leaves the index alone.
     explicit Vlan(std::string name);
     Vlan(Vlan const&) = default;
     Vlan& operator=(Vlan const&) = default;

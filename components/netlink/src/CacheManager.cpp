@@ -10,16 +10,21 @@
 #include <algorithm>
 #include <array>
 #include <bitset>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <linux/if.h>
 #include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <map>
+#include <mutex>
 #include <netlink/cache.h>
 #include <netlink/errno.h>
 #include <netlink/route/link/vlan.h>
 #include <poll.h>
-#include <semaphore.h>
+#include <string_view>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
@@ -47,16 +52,27 @@ MyLock::~MyLock()
 
 namespace {
 
-// One manager starts at a time, and hands its caches to its thread, whose argument is the cache manager alone.
-std::mutex startMutex;
-CacheMirror::Caches startingCaches;
+// The caches of the running managers, where the event threads find them: their argument is the cache manager alone.
+std::mutex registryMutex;
+std::map<nl_cache_mngr*, CacheMirror::Caches> registry;
 
-sem_t& threadStarted()
+void remember(nl_cache_mngr* manager, CacheMirror::Caches const& caches)
 {
-    static sem_t semaphore;
-    static const int initialised = sem_init(&semaphore, 0, 0);
-    static_cast<void>(initialised);
-    return semaphore;
+    const std::lock_guard<std::mutex> guard(registryMutex);
+    registry[manager] = caches;
+}
+
+void forget(nl_cache_mngr* manager)
+{
+    const std::lock_guard<std::mutex> guard(registryMutex);
+    registry.erase(manager);
+}
+
+CacheMirror::Caches cachesOf(nl_cache_mngr* manager)
+{
+    const std::lock_guard<std::mutex> guard(registryMutex);
+    const auto found = registry.find(manager);
+    return found != registry.end() ? found->second : CacheMirror::Caches();
 }
 
 // libnl 3.7 aborts when it can open only the first of the two sockets that a cache manager needs.
@@ -96,15 +112,12 @@ void leaveIpv6InterfaceGroup(int descriptor)
     setsockopt(descriptor, SOL_NETLINK, NETLINK_DROP_MEMBERSHIP, &group, sizeof group);
 }
 
-// libnl knows one provided cache of a kind, and forgets its reference to the one before: another manager's.
-void unprovideOthers()
+// Has nexthop objects notified: the event thread must wake when one goes, since its routes go silently. Kernels before
+// 5.3 have none, and no such group.
+void joinNextHopGroup(int descriptor)
 {
-    for (const char* const kind : {"route/link", "route/route", "route/addr"}) {
-        nl_cache* const provided = nl_cache_mngt_require(kind);
-        if (provided != nullptr) {
-            nl_cache_mngt_unprovide(provided);
-        }
-    }
+    const int group = RTNLGRP_NEXTHOP;
+    setsockopt(descriptor, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group);
 }
 
 // Hands the cache over to the manager. A cache that it does not take is freed, and its pointer nulled.
@@ -117,23 +130,22 @@ int addCache(nl_cache_mngr* manager, nl_cache*& cache, change_func_t callback, v
     if (manager == nullptr || result < 0) {
         nl_cache_free(cache);
         cache = nullptr;
+        return result;
     }
+    // The manager provides the cache to the whole process, where libnl's parsers would use it without the lock.
+    nl_cache_mngt_unprovide(cache);
     return result;
 }
 
-// Returns the thread once it has its caches, or 0.
+// Returns the thread, or 0.
 pthread_t startThread(void* (*body)(void*), nl_cache_mngr* manager, CacheMirror::Caches const& caches)
 {
-    pthread_t thread = 0;
-    startingCaches = caches;
-    if (manager == nullptr || pthread_create(&thread, nullptr, body, manager) != 0) {
+    if (manager == nullptr) {
         return 0;
     }
-    while (sem_wait(&threadStarted()) != 0) {
-        // interrupted by a signal
-    }
-    startingCaches = {};
-    return thread;
+    remember(manager, caches);
+    pthread_t thread = 0;
+    return pthread_create(&thread, nullptr, body, manager) == 0 ? thread : 0;
 }
 
 } // namespace
@@ -141,7 +153,6 @@ pthread_t startThread(void* (*body)(void*), nl_cache_mngr* manager, CacheMirror:
 CacheManager::CacheManager()
 {
     TRACE_DEBUG1("cache route link initializing at pointer %p", static_cast<void*>(this));
-    const std::lock_guard<std::mutex> starting(startMutex);
     int result = allocateManager(&mngr);
     if (result < 0) {
         TRACE_ERROR("cache manager allocation failed %s", nl_geterror(-result));
@@ -157,7 +168,6 @@ CacheManager::CacheManager()
     if (nl_cache_alloc_name("route/addr", &addrCache) != 0) {
         TRACE_ERROR("cache manager cache alloc failed route/addr");
     }
-    unprovideOthers();
     result = addCache(mngr, linkCache, changeCb, this);
     if (result < 0) {
         TRACE_ERROR("cache manager link add failed with %s", nl_geterror(-result));
@@ -172,9 +182,13 @@ CacheManager::CacheManager()
     }
     if (mngr != nullptr) {
         leaveIpv6InterfaceGroup(nl_cache_mngr_get_fd(mngr));
+        joinNextHopGroup(nl_cache_mngr_get_fd(mngr));
     }
     TRACE_DEBUG1("now creating thread from instance %p", static_cast<void*>(this));
     thread = startThread(cacheThread, mngr, {linkCache, routeCache, addrCache});
+    if (thread == 0) { // better no answers than answers that grow old
+        freeCaches();
+    }
     TRACE_DEBUG2("cache route link init done");
 }
 
@@ -184,12 +198,19 @@ CacheManager::~CacheManager()
         pthread_cancel(thread);
         pthread_join(thread, nullptr);
     }
+    freeCaches();
+}
+
+void CacheManager::freeCaches()
+{
     if (mngr != nullptr) {
-        // Not while another one starts, and replaces the provided caches.
-        const std::lock_guard<std::mutex> stopping(startMutex);
+        forget(mngr);
         nl_cache_mngr_free(mngr);
-        mngr = nullptr;
     }
+    mngr = nullptr;
+    linkCache = nullptr;
+    routeCache = nullptr;
+    addrCache = nullptr;
 }
 
 // ---- Event thread ----
@@ -217,18 +238,16 @@ void* CacheManager::cacheThread(void* arg)
 {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     auto* const manager = static_cast<nl_cache_mngr*>(arg);
-    CacheMirror mirror(manager, startingCaches);
-    sem_post(&threadStarted());
+    CacheMirror mirror(manager, cachesOf(manager));
     pollfd record{nl_cache_mngr_get_fd(manager), POLLIN, 0};
     while (true) {
-        const int wait = mirror.mend();
-        const int n = pollCancellable(record, wait);
+        int n = 0;
+        while (n == 0) {
+            n = pollCancellable(record, mirror.mend());
+        }
         TRACE_DEBUG3("got %d messages from netlink route event socket", n);
         if (n < 0) {
             TRACE_ERROR("got %d error when trying to poll!", n);
-            continue;
-        }
-        if (n == 0) {
             continue;
         }
         int result = 0;
@@ -273,8 +292,9 @@ Address::TYPE typeOf(int family)
     }
 }
 
-// libnl ignores what follows a number, takes octal and hexadecimal ones, and cuts a length that does not fit
-// to another one. Here a prefix length is a decimal number from 0 to 32, the one that libnl has read.
+// libnl ignores what follows a number, takes octal and hexadecimal ones, cuts a length that does not fit to another
+// one, and gives a length to an address without bytes. Here a prefix length is a decimal number from 0 to 32, the
+// one that libnl has read, of an address that has bytes.
 bool hasSoundPrefixLength(std::string const& text, nl_addr* parsed)
 {
     const auto slash = text.find('/');
@@ -284,14 +304,17 @@ bool hasSoundPrefixLength(std::string const& text, nl_addr* parsed)
     const char* const end = text.data() + text.size();
     unsigned int length = 0;
     const auto [rest, error] = std::from_chars(text.data() + slash + 1, end, length);
-    return error == std::errc() && rest == end && length <= 32 && length == nl_addr_get_prefixlen(parsed);
+    return error == std::errc() && rest == end && length <= 32 && length == nl_addr_get_prefixlen(parsed) &&
+           nl_addr_get_len(parsed) != 0;
 }
 
-// libnl ignores what follows the sixth pair.
+// Six pairs of hexadecimal digits: libnl takes shorter ones, and ignores what follows the sixth.
 bool isSoundMac(std::string const& text)
 {
-    constexpr std::size_t longest = sizeof "00:11:22:33:44:55" - 1;
-    return text.size() <= longest && text.find_first_not_of("0123456789abcdefABCDEF:") == std::string::npos;
+    constexpr std::string_view form = "xx:xx:xx:xx:xx:xx";
+    return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](unsigned char c, char expected) {
+        return expected == ':' ? c == ':' : std::isxdigit(c) != 0;
+    });
 }
 
 // The libnl address of the text, or null.
@@ -320,8 +343,8 @@ nl_addr* CacheManager::convertToAddress(Address const& address)
     const int family = familyOf(address.getType());
     TRACE_DEBUG3("address is '%s' of type %i address type %i", text.c_str(), family,
                  static_cast<int>(address.getType()));
-    // nl_addr_valid knows neither prefix lengths nor link-layer addresses: what it calls valid is a bare IP
-    // address, whose prefix length would be a guess, or of no family.
+    // nl_addr_valid accepts a bare IP address, whose prefix length would be a guess, and every text of no family: both
+    // are refused. It knows neither prefix lengths nor link-layer addresses: what it does not accept is parsed.
     if (nl_addr_valid(text.c_str(), family) != 0) {
         TRACE_ERROR("address is not valid for family type!");
         return nullptr;
@@ -739,20 +762,20 @@ Route CacheManager::getRoute(Address destination) const
 
 namespace {
 
-// One request on a socket that exists for it alone: the socket is closed when this returns libnl's result.
+// A request returns libnl's result. Without a cache manager, the manager could not start, and nothing is sent.
 template <typename Send>
-int sendOnce(Send send)
+int sendOn(RouteSocket& socket, nl_cache_mngr* manager, Send send)
 {
-    RouteSocket socket;
-    return socket.getSocket() != nullptr ? send(socket.getSocket()) : -NLE_BAD_SOCK;
+    const bool able = manager != nullptr && socket.getSocket() != nullptr;
+    return able ? send(socket.getSocket()) : -NLE_BAD_SOCK;
 }
 
-// One request on the manager's own socket, which answers only one at a time.
+// One request on a socket that exists for it alone, and is closed on return.
 template <typename Send>
-int sendGuarded(std::mutex& mutex, RouteSocket& socket, Send send)
+int sendOnce(nl_cache_mngr* manager, Send send)
 {
-    const std::lock_guard<std::mutex> guard(mutex);
-    return socket.getSocket() != nullptr ? send(socket.getSocket()) : -NLE_BAD_SOCK;
+    RouteSocket socket;
+    return sendOn(socket, manager, send);
 }
 
 } // namespace
@@ -764,7 +787,8 @@ bool CacheManager::add(Address address, int index)
         TRACE_ERROR("add failed of address");
         return false;
     }
-    const int result = sendOnce([&](nl_sock* socket) { return rtnl_addr_add(socket, object.get(), 0); });
+    const int result =
+        sendOnce(mngr, [&](nl_sock* socket) { return rtnl_addr_add(socket, object.get(), 0); });
     if (result < 0) {
         TRACE_ERROR("failure %s when adding address %s to index %i!", nl_geterror(-result),
                     address.toString().c_str(), index);
@@ -781,7 +805,8 @@ bool CacheManager::remove(Address address, int index)
         TRACE_ERROR("remove failed of address");
         return false;
     }
-    const int result = sendOnce([&](nl_sock* socket) { return rtnl_addr_delete(socket, object.get(), 0); });
+    const int result =
+        sendOnce(mngr, [&](nl_sock* socket) { return rtnl_addr_delete(socket, object.get(), 0); });
     if (result != 0) {
         TRACE_ERROR("delete failed with %s for address %s", nl_geterror(-result), address.toString().c_str());
         return false;
@@ -802,15 +827,6 @@ int checkLink(rtnl_link* link, std::string const& name)
         return -NLE_INVAL;
     }
     return link != nullptr ? 0 : -NLE_NOMEM;
-}
-
-// Changes the link that exists, or creates it.
-int sendLink(std::mutex& mutex, RouteSocket& socket, rtnl_link* link, std::string const& name, bool exists)
-{
-    const int check = checkLink(link, name);
-    return check != 0 ? check : sendGuarded(mutex, socket, [&](nl_sock* sock) {
-        return exists ? rtnl_link_change(sock, link, link, 0) : rtnl_link_add(sock, link, NLM_F_CREATE);
-    });
 }
 
 // An ordinary NIC that is up refuses even the address that it has.
@@ -864,6 +880,18 @@ void replaceIps(CacheManager& manager, int index, Interface const& wanted)
 
 } // namespace
 
+int CacheManager::sendLink(rtnl_link* link, std::string const& name, bool exists)
+{
+    const int check = checkLink(link, name);
+    if (check != 0) {
+        return check;
+    }
+    const std::lock_guard<std::mutex> guard(requestMutex);
+    return sendOn(routeSocket, mngr, [&](nl_sock* socket) {
+        return exists ? rtnl_link_change(socket, link, link, 0) : rtnl_link_add(socket, link, NLM_F_CREATE);
+    });
+}
+
 bool CacheManager::update(Interface const& interface, int tries)
 {
     TRACE_DEBUG2("update start with interface %s", interface.toString().c_str());
@@ -874,7 +902,7 @@ bool CacheManager::update(Interface const& interface, int tries)
         TRACE_DEBUG1("interface with name %s was not yet added", name.c_str());
     }
     const LinkPtr link(convertToLink(withoutKnownAddresses(interface, current)));
-    const int result = sendLink(requestMutex, routeSocket, link.get(), name, exists);
+    const int result = sendLink(link.get(), name, exists);
     if (result != 0 && exists) {
         TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result),
                     interface.getIndex(), name.c_str());
@@ -917,7 +945,7 @@ bool CacheManager::remove(Interface const& interface)
     int result = checkLink(link.get(), name);
     if (result == 0) {
         rtnl_link_set_name(link.get(), name.c_str());
-        result = sendOnce([&](nl_sock* socket) { return rtnl_link_delete(socket, link.get()); });
+        result = sendOnce(mngr, [&](nl_sock* socket) { return rtnl_link_delete(socket, link.get()); });
     }
     if (result != 0) {
         TRACE_ERROR("delete failed with %s for %s", nl_geterror(-result), name.c_str());
@@ -939,7 +967,7 @@ bool CacheManager::update(Vlan const& wanted, Interface const& parent, Vlan cons
     if (!exists && link != nullptr) {
         rtnl_link_set_link(link.get(), parent.getIndex());
     }
-    const int result = sendLink(requestMutex, routeSocket, link.get(), name, exists);
+    const int result = sendLink(link.get(), name, exists);
     if (result != 0 && exists) {
         TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result),
                     wanted.getIndex(), name.c_str());
@@ -1021,10 +1049,12 @@ bool CacheManager::update(Route const& route, int /*tries*/)
 {
     TRACE_DEBUG2("updating route %s", route.toString().c_str());
     const RoutePtr object(convertToRoute(route));
-    const int result =
-        object == nullptr ? -NLE_NOMEM : sendGuarded(requestMutex, routeSocket, [&](nl_sock* socket) {
-            return rtnl_route_add(socket, object.get(), NLM_F_REQUEST);
-        });
+    int result = -NLE_NOMEM;
+    if (object != nullptr) {
+        const std::lock_guard<std::mutex> guard(requestMutex);
+        result = sendOn(routeSocket, mngr,
+                        [&](nl_sock* socket) { return rtnl_route_add(socket, object.get(), NLM_F_REQUEST); });
+    }
     if (result != 0) {
         TRACE_ERROR("add failed with %s", nl_geterror(-result));
         TRACE_ERROR("for route %s", route.toString().c_str());
@@ -1036,9 +1066,10 @@ bool CacheManager::update(Route const& route, int /*tries*/)
 bool CacheManager::remove(Route const& route)
 {
     RoutePtr object(convertToRoute(route));
-    const int result = object == nullptr ? -NLE_NOMEM : sendOnce([&](nl_sock* socket) {
-        return rtnl_route_delete(socket, object.get(), 0);
-    });
+    int result = -NLE_NOMEM;
+    if (object != nullptr) {
+        result = sendOnce(mngr, [&](nl_sock* socket) { return rtnl_route_delete(socket, object.get(), 0); });
+    }
     if (result != 0) {
         TRACE_ERROR("delete failed with %s for route %s", nl_geterror(-result), route.getName().c_str());
         return false;

@@ -23,8 +23,9 @@ namespace netlink_route {
 
 namespace {
 
-// Lets through what may leave the route cache wrong: a route, an address or a link that goes away, and a link that
-// goes down. A new link is down as well, and is told from that by its change mask, in which every bit is set.
+// Lets through what may leave the route cache wrong: a route, an address or a link that goes away, a link that goes
+// down, and any change of a nexthop object. A new link is down as well; it is told from one that goes down by its
+// change mask, in which every bit is set.
 int attachRemovalFilter(int descriptor)
 {
     constexpr unsigned int type = offsetof(nlmsghdr, nlmsg_type);
@@ -32,11 +33,13 @@ int attachRemovalFilter(int descriptor)
     constexpr unsigned int change = NLMSG_HDRLEN + offsetof(ifinfomsg, ifi_change);
     // The filter reads numbers in network order, and netlink writes them in the host's.
     // clang-format off
-    std::array<sock_filter, 12> program{{
+    std::array<sock_filter, 14> program{{
         BPF_STMT(BPF_LD | BPF_H | BPF_ABS, type),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELROUTE), 9, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELADDR), 8, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELLINK), 7, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELROUTE), 11, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELADDR), 10, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELLINK), 9, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_NEWNEXTHOP), 8, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELNEXTHOP), 7, 0),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_NEWLINK), 0, 5),
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, flags),
         BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, htonl(IFF_UP), 3, 0),
@@ -51,8 +54,8 @@ int attachRemovalFilter(int descriptor)
     return setsockopt(descriptor, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter);
 }
 
-// The kernel serves the sockets of a group from the youngest to the oldest. This one joins after the event
-// socket, so it has a removal before the event socket has it.
+// The kernel serves the sockets of a group from the youngest to the oldest. This one joins after the event socket, so
+// it has a removal before the event socket has it; were it otherwise, the next event would show the removal.
 int openRemovals()
 {
     const int descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
@@ -68,6 +71,8 @@ int openRemovals()
         close(descriptor);
         return -1;
     }
+    const int group = RTNLGRP_NEXTHOP; // too high for nl_groups; kernels before 5.3 have none
+    setsockopt(descriptor, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group);
     return descriptor;
 }
 
@@ -90,19 +95,44 @@ CachePtr readKernel(nl_cache* cache)
     return read ? std::move(fresh) : nullptr;
 }
 
-// Exchanges the contents of the cache. False when the kernel could not be read, and the cache is as it was.
+// Moves an object from one cache to another. False when there is no memory for that, and the object is gone.
+bool move(nl_object* object, nl_cache* to)
+{
+    if (nl_cache_move(to, object) == 0) {
+        return true;
+    }
+    nl_object_put(object);
+    return false;
+}
+
+// Exchanges the contents of the cache in one step, so that no query sees a part. False when that failed.
 bool reload(nl_cache* cache)
 {
     const CachePtr fresh = readKernel(cache);
     if (fresh == nullptr) {
         return false;
     }
-    const MyLock lock("nl_cache_move");
+    bool complete = true;
+    const MyLock lock("nl_cache_mngr_data_ready");
     nl_cache_clear(cache);
     while (nl_object* const object = nl_cache_get_first(fresh.get())) {
-        nl_cache_move(cache, object);
+        complete = move(object, cache) && complete;
     }
-    return true;
+    return complete;
+}
+
+// Calls the function with each object, and lets the queries in now and then.
+template <typename Function>
+void forEachLocked(std::vector<nl_object*> const& objects, Function function)
+{
+    constexpr std::size_t slice = 256;
+    for (std::size_t begin = 0; begin < objects.size(); begin += slice) {
+        const MyLock lock("nl_cache_mngr_data_ready");
+        const std::size_t end = std::min(begin + slice, objects.size());
+        for (std::size_t i = begin; i < end; ++i) {
+            function(objects[i]);
+        }
+    }
 }
 
 // What it takes to make a cache the same as a fresh one.
@@ -196,7 +226,7 @@ int CacheMirror::mend()
             routesDoubtful = lastRemoval + settling > start;
         }
         const auto end = Clock::now();
-        next = end + std::max<Clock::duration>(interval, 4 * (end - start));
+        next = end + std::max<Clock::duration>(interval, end - start);
         noteRemovals();
     }
     if (!lost && !routesDoubtful) {
@@ -213,12 +243,12 @@ bool CacheMirror::reloadAll()
     if (!drain()) {
         return false;
     }
-    for (nl_cache* const cache : {caches.link, caches.route, caches.addr}) {
+    for (nl_cache* const cache : {caches.link, caches.addr}) {
         if (cache != nullptr && !reload(cache)) {
             return false;
         }
     }
-    return drain();
+    return reconcileRoutes() && drain();
 }
 
 // Makes the route cache the same as the kernel's routes. False when they could not be read.
@@ -232,17 +262,11 @@ bool CacheMirror::reconcileRoutes()
         return false;
     }
     const Difference difference = compare(caches.route, fresh.get());
-    if (difference.stale.empty() && difference.missing.empty()) {
-        return true;
-    }
-    const MyLock lock("nl_cache_move");
-    for (nl_object* const object : difference.stale) {
-        nl_cache_remove(object);
-    }
-    for (nl_object* const object : difference.missing) {
-        nl_cache_move(caches.route, object);
-    }
-    return true;
+    bool complete = true;
+    forEachLocked(difference.stale, nl_cache_remove);
+    forEachLocked(difference.missing,
+                  [&](nl_object* object) { complete = move(object, caches.route) && complete; });
+    return complete;
 }
 
 // Applies what is queued. False when the queue overran again and again.

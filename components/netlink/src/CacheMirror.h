@@ -9,13 +9,13 @@ struct nl_cache_mngr;
 namespace netlink_route {
 
 // Three things make a cache differ from the kernel for good: notifications that were lost because the event socket
-// overran; IPv4 routes that the kernel drops without a word when a link goes down or away, or an IPv4 address
-// away; and two routes that differ in their next hops alone, of which libnl holds one, and none once either was
-// removed. All are mended by reading the kernel again and comparing.
+// overran; IPv4 routes that the kernel drops without a word when a link goes down or away, or an IPv4 address or a
+// nexthop object away; and two routes that differ in their next hops alone, of which libnl holds one, and none once
+// either was removed. All are mended by reading the kernel again and comparing.
 //
 // Used by the event thread alone: note() after each pass, mend() before it sleeps. The kernel is read rarely
-// (`interval`) and into a cache of its own, and the lock is held only while the outcome is applied: neither a
-// flapping link nor a large table keeps the queries waiting.
+// (`interval`) and into a cache of its own, and the lock is held only while the outcome is applied, so that a
+// flapping link does not keep the queries waiting.
 class CacheMirror {
 public:
     // Caches that the manager does not have are null.
@@ -39,8 +39,8 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    // The least time between two reads; a read that takes long makes it longer.
-    static constexpr std::chrono::milliseconds interval{500};
+    // The least time between two reads, and at least as long as the first of them took.
+    static constexpr std::chrono::milliseconds interval{300};
     // The kernel notifies a removal first and drops the routes right after. By then it is done with both.
     static constexpr std::chrono::milliseconds settling{100};
 

@@ -1,7 +1,7 @@
 // The trace level of the process: which diagnostics its libraries write.
 #pragma once
 
-// Its first member is a pointer to the trace level, an int. Nothing else of it is anybody's business.
+// Its first member is a pointer to the trace level, an int. The libraries read nothing else of it.
 struct TraceObject;
 
 extern "C" {
