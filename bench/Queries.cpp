@@ -72,10 +72,7 @@ private:
 };
 
 std::string linkName(long i) { return "m" + std::to_string(i + 1); }
-std::string routeText(long i)
-{
-    return "20." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ".0/24";
-}
+std::string routeText(long i) { return "20." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ".0/24"; }
 
 // Keys from all over the table, in an order without locality.
 class Keys {

@@ -4,9 +4,8 @@
 #include "Support.h"
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <shared_mutex>
 #include <thread>
@@ -71,8 +70,7 @@ void update(CacheManager& manager, std::string const& name)
 void storm()
 {
     const bool vlans =
-        test::output("ip link add link v0 name v0.7 type vlan id 7 2>/dev/null && echo yes || true") ==
-        "yes\n";
+        test::output("ip link add link v0 name v0.7 type vlan id 7 2>/dev/null && echo yes || true") == "yes\n";
     const std::string vlan = vlans ? "link delete v0.7\nlink add link v0 name v0.7 type vlan id 7\n"
                                      "link set v0.7 up\naddress add 10.7.0.1/24 dev v0.7\n"
                                    : "";
@@ -81,29 +79,14 @@ void storm()
         const std::string number = std::to_string(i % 50);
         const std::string link = "m" + number;
         const std::string batch =
-            vlan + "link add link w1 name " + link + " type macvlan\nlink set " + link +
-            " up\naddress add 10.1." + number + ".1/24 dev " + link + "\nroute add 10.2." + number +
-            ".0/24 via 10.1." + number + ".2\nlink set " + link + " mtu 1300\naddress delete 10.1." + number +
-            ".1/24 dev " + link + "\naddress add 10.1." + number + ".1/24 dev " + link + "\nroute add 10.2." +
-            std::to_string(i % 100) + ".0/24 via 10.1." + number + ".2\nlink set " + link +
-            " down\nlink set " + link + " up\nlink delete m" + std::to_string((i * 7) % 50) + "\n";
+            vlan + "link add link w1 name " + link + " type macvlan\nlink set " + link + " up\naddress add 10.1." +
+            number + ".1/24 dev " + link + "\nroute add 10.2." + number + ".0/24 via 10.1." + number + ".2\nlink set " +
+            link + " mtu 1300\naddress delete 10.1." + number + ".1/24 dev " + link + "\naddress add 10.1." + number +
+            ".1/24 dev " + link + "\nroute add 10.2." + std::to_string(i % 100) + ".0/24 via 10.1." + number +
+            ".2\nlink set " + link + " down\nlink set " + link + " up\nlink delete m" + std::to_string((i * 7) % 50) +
+            "\n";
         test::run("printf '" + batch + "' | ip -force -batch - 2>/dev/null || true");
     }
-}
-
-long residentKiB()
-{
-    std::ifstream status("/proc/self/statm");
-    long size = 0;
-    long resident = 0;
-    status >> size >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-std::ptrdiff_t openDescriptors()
-{
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return std::distance(begin(all), end(all));
 }
 
 TEST_F(Soak, StaysTrueAndSmall)
@@ -131,14 +114,14 @@ TEST_F(Soak, StaysTrueAndSmall)
         const auto same = test::mirrorsKernel(manager);
         EXPECT_TRUE(same);
         if (memory == 0 && Clock::now() > warm) {
-            memory = residentKiB();
-            descriptors = openDescriptors();
+            memory = test::residentKiB();
+            descriptors = test::openDescriptors();
         }
-        std::printf("%4lld s: %s, %ld rounds of queries, %ld updates, %ld KiB, %td descriptors\n",
-                    static_cast<long long>(
-                        std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count()),
-                    same ? "true to the kernel" : "DIFFERENT", queries.load(), updates.load(), residentKiB(),
-                    openDescriptors());
+        std::printf(
+            "%4lld s: %s, %ld rounds of queries, %ld updates, %ld KiB, %td descriptors\n",
+            static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count()),
+            same ? "true to the kernel" : "DIFFERENT", queries.load(), updates.load(), test::residentKiB(),
+            test::openDescriptors());
         std::fflush(stdout);
         pausing = false;
     }
@@ -148,8 +131,8 @@ TEST_F(Soak, StaysTrueAndSmall)
     }
     EXPECT_EQ(0, strangers);
     EXPECT_EQ(0, refusals);
-    EXPECT_LT(residentKiB(), memory + memory / 100);
-    EXPECT_EQ(descriptors, openDescriptors());
+    EXPECT_LT(test::residentKiB(), memory + memory / 100);
+    EXPECT_EQ(descriptors, test::openDescriptors());
 }
 
 } // namespace

@@ -99,7 +99,7 @@ int main(int argc, char* argv[])
         std::cerr << "configure: there is no link named '" << name << "'\n";
         return 1;
     }
-    const bool success = configureLink(manager, name, Address(argv[3], Address::IPV4)) &&
-                         tryVlan(manager, name) && tryRoute(manager, argv[4]);
+    const bool success = configureLink(manager, name, Address(argv[3], Address::IPV4)) && tryVlan(manager, name) &&
+                         tryRoute(manager, argv[4]);
     return success ? 0 : 1;
 }

@@ -10,8 +10,8 @@ set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-[[ ${1:-} =~ ^[0-9]+$ && ($# -eq 1 || ($# -eq 2 && $2 == --uml)) ]] || {
-    sed -n '2,/^set /s/^# \{0,1\}//p' "${BASH_SOURCE[0]}" | sed '$d' >&2
+[[ ${1:-} =~ ^[1-9][0-9]*$ && ($# -eq 1 || ($# -eq 2 && $2 == --uml)) ]] || {
+    sed -n '2,/^set /s/^# \{0,1\}//p' "${BASH_SOURCE[0]}" >&2
     exit 2
 }
 require_root

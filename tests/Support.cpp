@@ -4,12 +4,16 @@
 
 #include <array>
 #include <atomic>
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <iterator>
+#include <map>
 #include <mutex>
 #include <netlink/cache.h>
 #include <netlink/route/link.h>
@@ -21,6 +25,7 @@
 #include <syslog.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -30,8 +35,8 @@ std::atomic<int> sleeps{0};
 std::atomic<int> refills{0};
 std::atomic<int> lockedRefills{0};
 std::atomic<int> unlockedChanges{0};
-int allocations = 0;
-int failFrom = 0;
+thread_local int allocations = 0;
+thread_local int failFrom = 0;
 const int firstNamespace = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
 
 [[gnu::format(printf, 2, 0)]] void keep(int priority, const char* format, va_list arguments)
@@ -99,21 +104,9 @@ int nl_cache_move(nl_cache* cache, nl_object* object)
     return next<decltype(nl_cache_move)>("nl_cache_move")(cache, object);
 }
 
-void nl_cache_remove(nl_object* object)
-{
-    unlockedChanges += test::lockIsFree() ? 1 : 0;
-    next<decltype(nl_cache_remove)>("nl_cache_remove")(object);
-}
+rtnl_link* rtnl_link_alloc() { return failsNow() ? nullptr : next<decltype(rtnl_link_alloc)>("rtnl_link_alloc")(); }
 
-rtnl_link* rtnl_link_alloc()
-{
-    return failsNow() ? nullptr : next<decltype(rtnl_link_alloc)>("rtnl_link_alloc")();
-}
-
-rtnl_route* rtnl_route_alloc()
-{
-    return failsNow() ? nullptr : next<decltype(rtnl_route_alloc)>("rtnl_route_alloc")();
-}
+rtnl_route* rtnl_route_alloc() { return failsNow() ? nullptr : next<decltype(rtnl_route_alloc)>("rtnl_route_alloc")(); }
 
 rtnl_nexthop* rtnl_route_nh_alloc()
 {
@@ -219,58 +212,69 @@ std::vector<std::vector<std::string>> readWords(std::string const& command)
     return rows;
 }
 
-std::string describeKernel()
+using Lines = std::multiset<std::string>; // what is listed twice shows
+
+std::map<std::string, std::string> addressesOfKernel() // of each link, between blanks
 {
-    std::set<std::string> withAddress;
-    for (auto const& row : readWords("ip -4 -o address")) {
-        withAddress.insert(row.at(1));
+    std::map<std::string, std::string> addresses;
+    for (auto const& row : readWords("ip -4 -o address | sed 's,/32 , ,'")) {
+        addresses[row.at(1)] += " " + row.at(3) + " ";
     }
-    std::set<std::string> links;
+    return addresses;
+}
+
+Lines linesOfKernel()
+{
+    Lines lines;
     for (auto const& row : readWords("ip -o link | sed -E 's/^[0-9]+: ([^:@]+)[^<]*<(.*)> mtu ([0-9]+).*"
                                      " link\\/[a-z]+ ([^ ]*).*/\\1 ,\\2, \\3 \\4/'")) {
         const bool up = row.at(1).find(",UP,") != std::string::npos;
-        links.insert(row[0] + (up ? " up " : " down ") + row.at(2) + " " + row.at(3) +
-                     (withAddress.count(row[0]) != 0 ? " with address" : "") + "\n");
+        lines.insert(row[0] + (up ? " up " : " down ") + row.at(2) + " " + row.at(3));
     }
-    std::string text;
-    for (auto const& link : links) {
-        text += link;
-    }
-    return text;
+    return lines;
 }
 
-std::string describeMirror(netlink_route::CacheManager const& manager)
+Lines linesOf(netlink_route::CacheManager const& manager)
 {
-    std::multiset<std::string> links; // a link that is listed twice shows
+    Lines lines;
     for (std::string const& name : manager.getListOfInterfaces()) {
         const auto link = manager.getInterface(name);
-        links.insert(name + (link.isUp() ? " up " : " down ") + std::to_string(link.getMtu()) + " " +
-                     link.getMac().getAddress() + (link.getIps().empty() ? "" : " with address") + "\n");
+        lines.insert(name + (link.isUp() ? " up " : " down ") + std::to_string(link.getMtu()) + " " +
+                     link.getMac().getAddress());
     }
-    std::string text;
-    for (auto const& link : links) {
-        text += link;
-    }
-    return text;
+    return lines;
 }
 
-// What the manager says wrongly of the kernel's addresses and routes.
-std::string findDifference(netlink_route::CacheManager const& manager)
+// A link whose address is none of those that the kernel has for it, or missing, or "".
+std::string wrongAddress(netlink_route::CacheManager const& manager)
 {
-    const std::string addresses = output("ip -4 -o address");
+    auto addresses = addressesOfKernel();
     for (std::string const& name : manager.getListOfInterfaces()) {
-        for (auto const& ip : manager.getInterface(name).getIps()) {
-            if (addresses.find(name + "    inet " + ip.getAddress() + " ") == std::string::npos &&
-                addresses.find(name + "    inet " + ip.getAddress() + "/32 ") == std::string::npos) {
-                return name + " has no address " + ip.getAddress();
-            }
+        const auto ips = manager.getInterface(name).getIps();
+        const std::string& held = addresses[name];
+        if (ips.empty() ? !held.empty() : held.find(" " + ips[0].getAddress() + " ") == std::string::npos) {
+            return "address of " + name;
         }
     }
-    for (auto const& row :
-         readWords("ip -4 route show table all type unicast | { grep -v nexthop || true; }")) {
-        const bool complete = row.at(0).find('/') != std::string::npos || row[0] == "default";
-        if (!manager.getRoute(ipv4(complete ? row[0] : row[0] + "/32")).isAddedToKernel()) {
-            return "no route to " + row[0];
+    return "";
+}
+
+// A destination that the kernel has and the manager has not, or the other way round, or "".
+std::string wrongRoute(netlink_route::CacheManager const& manager)
+{
+    static std::set<std::string> seen; // at some time
+    std::set<std::string> there;
+    for (auto const& row : readWords("ip -4 route show table all | sed '/^[[:space:]]/d'")) {
+        const std::string& word =
+            std::isdigit(row.at(0)[0]) != 0 || row[0] == "default" ? row[0] : row.at(1); // the type
+        const bool complete = word.find('/') != std::string::npos || word == "default";
+        there.insert(complete ? word : word + "/32");
+    }
+    seen.insert(there.begin(), there.end());
+    for (std::string const& destination : seen) {
+        const bool held = manager.getRoute(ipv4(destination)).isAddedToKernel();
+        if (held != (there.count(destination) != 0)) {
+            return (held ? "has a ghost " : "lacks ") + destination;
         }
     }
     return "";
@@ -278,24 +282,38 @@ std::string findDifference(netlink_route::CacheManager const& manager)
 
 } // namespace
 
-testing::AssertionResult mirrorsKernel(netlink_route::CacheManager const& manager,
-                                       std::chrono::milliseconds time)
+testing::AssertionResult mirrorsKernel(netlink_route::CacheManager const& manager, std::chrono::milliseconds time)
 {
-    std::string links;
-    std::string mirror;
-    std::string difference;
+    Lines kernel;
+    Lines mirror;
+    std::string wrong;
     const bool same = eventually(
         [&] {
-            links = describeKernel();
-            mirror = describeMirror(manager);
-            difference = findDifference(manager);
-            return links == mirror && difference.empty();
+            kernel = linesOfKernel();
+            mirror = linesOf(manager);
+            wrong = wrongAddress(manager) + wrongRoute(manager);
+            return kernel == mirror && wrong.empty();
         },
         time);
     return same ? testing::AssertionSuccess()
-                : testing::AssertionFailure() << "kernel:\n"
-                                              << links << "manager:\n"
-                                              << mirror << difference;
+                : testing::AssertionFailure()
+                      << "kernel: " << testing::PrintToString(kernel) << "\nmanager: " << testing::PrintToString(mirror)
+                      << "\nwrong: " << wrong;
+}
+
+std::ptrdiff_t openDescriptors()
+{
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+}
+
+long residentKiB()
+{
+    std::ifstream status("/proc/self/statm");
+    long size = 0;
+    long resident = 0;
+    status >> size >> resident;
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 void KernelTest::SetUp()

@@ -36,7 +36,7 @@ int sleepCount();
 int refillCount();
 int lockedRefillCount();
 
-// How often libnl's functions that change a cache were called while the lock of the caches was free.
+// How often libnl's function that adds to a cache of a manager was called while the lock of the caches was free.
 int unlockedChangeCount();
 
 // Whether nobody holds the lock of the caches.
@@ -55,6 +55,9 @@ testing::AssertionResult mirrorsKernel(netlink_route::CacheManager const& manage
                                        std::chrono::milliseconds time = std::chrono::milliseconds(1000));
 
 inline netlink_route::Address ipv4(std::string const& text) { return {text, netlink_route::Address::IPV4}; }
+
+std::ptrdiff_t openDescriptors();
+long residentKiB();
 
 // A test in a network namespace of its own, with two ends of a cable in it: v0 and v1.
 class KernelTest : public testing::Test {

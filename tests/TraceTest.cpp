@@ -22,11 +22,10 @@ void writeAll()
 
 TEST(Trace, WritesWhatTheLevelReaches)
 {
-    const std::vector<std::string> all{"3 [ERROR] TraceTest.cpp:N (writeAll) - an error text",
-                                       "6 [INFO] TraceTest.cpp:N (writeAll) - an information",
-                                       "7 [DEBUG1] TraceTest.cpp:N (writeAll) - -1 and 2",
-                                       "7 [DEBUG2] TraceTest.cpp:N (writeAll) - a b c",
-                                       "7 [DEBUG3] TraceTest.cpp:N (writeAll) - 100%"};
+    const std::vector<std::string> all{
+        "3 [ERROR] TraceTest.cpp:N (writeAll) - an error text", "6 [INFO] TraceTest.cpp:N (writeAll) - an information",
+        "7 [DEBUG1] TraceTest.cpp:N (writeAll) - -1 and 2", "7 [DEBUG2] TraceTest.cpp:N (writeAll) - a b c",
+        "7 [DEBUG3] TraceTest.cpp:N (writeAll) - 100%"};
     const std::vector<std::pair<int, int>> writtenAt{{-1, 0}, {2, 0}, {3, 1}, {5, 1}, {6, 2},
                                                      {7, 3},  {8, 4}, {9, 5}, {10, 5}};
     for (const auto& [level, count] : writtenAt) {
@@ -65,11 +64,10 @@ TEST(Trace, MissingTraceObjectOrLevelWritesNothing)
 
 TEST(Trace, FirstLevelComesFromTheEnvironment)
 {
-    const std::vector<std::pair<std::string, std::string>> cases{
-        {"7", "7"}, {"-3", "-3"}, {"", "0"}, {"7x", "0"}, {"x", "0"}, {"99999999999", "0"}};
+    const std::vector<std::pair<std::string, std::string>> cases{{"7", "7"},  {"-3", "-3"}, {"", "0"},
+                                                                 {"7x", "0"}, {"x", "0"},   {"99999999999", "0"}};
     for (const auto& [text, level] : cases) {
-        EXPECT_EQ(level, test::output("TRACE_LEVEL='" + text + "' '" + program + "' --print-trace-level"))
-            << text;
+        EXPECT_EQ(level, test::output("TRACE_LEVEL='" + text + "' '" + program + "' --print-trace-level")) << text;
     }
 }
 

@@ -184,9 +184,9 @@ TEST(Values, VlanComparisonLogsBothSides)
     const test::TraceLevel scope(8);
     EXPECT_FALSE(vlan == other);
     const std::string prefix = "7 [DEBUG2] Vlan.cpp:N (operator==) - ";
-    EXPECT_THAT(test::takeLog(), ElementsAre(prefix + "compare lhs: " + vlan.toString(),
-                                             prefix + "compare rhs: " + other.toString(),
-                                             prefix + "vlan is interface wise the same : yes"));
+    EXPECT_THAT(test::takeLog(),
+                ElementsAre(prefix + "compare lhs: " + vlan.toString(), prefix + "compare rhs: " + other.toString(),
+                            prefix + "vlan is interface wise the same : yes"));
     EXPECT_FALSE(vlan == Vlan("x"));
     EXPECT_EQ(prefix + "vlan is interface wise the same : no", test::takeLog().back());
     trace::setLevel(7);
@@ -213,10 +213,9 @@ TEST(Values, RouteDumpsEveryField)
     const bool stored =
         route.setName("") && route.setSource(ipv4("a")) && route.setSourcePreferred(ipv4("b")) &&
         route.setDestination(ipv4("c")) && route.setGateway(ipv4("d")) && route.setScope(RT_SCOPE_NOWHERE) &&
-        route.setTable(RT_TABLE_MAX) && route.setProtocol(255) && route.setTos(254) &&
-        route.setPriority(UINT_MAX) && route.setFamily(253) && route.setType(252) &&
-        route.setHops({ipv4("x"), ipv4("y")}) && route.setHops({}) && route.addHop(ipv4("e")) &&
-        route.addHop(Address("", Address::NONE)) && route.setAddedToKernel(true);
+        route.setTable(RT_TABLE_MAX) && route.setProtocol(255) && route.setTos(254) && route.setPriority(UINT_MAX) &&
+        route.setFamily(253) && route.setType(252) && route.setHops({ipv4("x"), ipv4("y")}) && route.setHops({}) &&
+        route.addHop(ipv4("e")) && route.addHop(Address("", Address::NONE)) && route.setAddedToKernel(true);
     EXPECT_TRUE(stored);
     Route copy(route);
     EXPECT_TRUE(copy.isAddedToKernel());

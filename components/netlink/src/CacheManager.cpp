@@ -620,8 +620,7 @@ LinkPtr findLink(nl_cache* cache, std::string const& name)
     if (first == nullptr || !isTwin(first.get())) {
         return first;
     }
-    for (nl_object* object = nl_cache_get_first(cache); object != nullptr;
-         object = nl_cache_get_next(object)) {
+    for (nl_object* object = nl_cache_get_first(cache); object != nullptr; object = nl_cache_get_next(object)) {
         rtnl_link* const link = toLink(object);
         const char* const linkName = rtnl_link_get_name(link);
         if (linkName != nullptr && name == linkName && !isTwin(link)) {
@@ -662,8 +661,7 @@ RoutePtr findRoute(nl_cache* cache, nl_addr* destination)
         return found;
     }
     const std::array<unsigned char, 4> zero{};
-    const NlAddrPtr other(
-        nl_addr_build(AF_INET, zero.data(), nl_addr_get_len(destination) == 0 ? zero.size() : 0));
+    const NlAddrPtr other(nl_addr_build(AF_INET, zero.data(), nl_addr_get_len(destination) == 0 ? zero.size() : 0));
     if (other != nullptr) {
         nl_addr_set_prefixlen(other.get(), 0);
     }
@@ -749,8 +747,7 @@ Route CacheManager::getRoute(Address destination) const
     }
     const RoutePtr found = findRoute(routeCache, address.get());
     if (found == nullptr) {
-        TRACE_DEBUG2("get route did not find the route in cache with destination %s",
-                     destination.getAddress().c_str());
+        TRACE_DEBUG2("get route did not find the route in cache with destination %s", destination.getAddress().c_str());
         return Route("");
     }
     Route result = generateFromRoute(found.get());
@@ -787,11 +784,10 @@ bool CacheManager::add(Address address, int index)
         TRACE_ERROR("add failed of address");
         return false;
     }
-    const int result =
-        sendOnce(mngr, [&](nl_sock* socket) { return rtnl_addr_add(socket, object.get(), 0); });
+    const int result = sendOnce(mngr, [&](nl_sock* socket) { return rtnl_addr_add(socket, object.get(), 0); });
     if (result < 0) {
-        TRACE_ERROR("failure %s when adding address %s to index %i!", nl_geterror(-result),
-                    address.toString().c_str(), index);
+        TRACE_ERROR("failure %s when adding address %s to index %i!", nl_geterror(-result), address.toString().c_str(),
+                    index);
         return false;
     }
     TRACE_DEBUG1("adding address %s to index %i success!", address.toString().c_str(), index);
@@ -805,8 +801,7 @@ bool CacheManager::remove(Address address, int index)
         TRACE_ERROR("remove failed of address");
         return false;
     }
-    const int result =
-        sendOnce(mngr, [&](nl_sock* socket) { return rtnl_addr_delete(socket, object.get(), 0); });
+    const int result = sendOnce(mngr, [&](nl_sock* socket) { return rtnl_addr_delete(socket, object.get(), 0); });
     if (result != 0) {
         TRACE_ERROR("delete failed with %s for address %s", nl_geterror(-result), address.toString().c_str());
         return false;
@@ -904,13 +899,13 @@ bool CacheManager::update(Interface const& interface, int tries)
     const LinkPtr link(convertToLink(withoutKnownAddresses(interface, current)));
     const int result = sendLink(link.get(), name, exists);
     if (result != 0 && exists) {
-        TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result),
-                    interface.getIndex(), name.c_str());
+        TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result), interface.getIndex(),
+                    name.c_str());
         return false;
     }
     if (result != 0) {
-        TRACE_ERROR("adding failed with %s for device id %d and name %s", nl_geterror(-result),
-                    interface.getIndex(), name.c_str());
+        TRACE_ERROR("adding failed with %s for device id %d and name %s", nl_geterror(-result), interface.getIndex(),
+                    name.c_str());
         return false;
     }
     Interface found = getInterface(name);
@@ -969,12 +964,12 @@ bool CacheManager::update(Vlan const& wanted, Interface const& parent, Vlan cons
     }
     const int result = sendLink(link.get(), name, exists);
     if (result != 0 && exists) {
-        TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result),
-                    wanted.getIndex(), name.c_str());
+        TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result), wanted.getIndex(),
+                    name.c_str());
     }
     if (result != 0 && !exists) {
-        TRACE_ERROR("adding failed with %s for device id %d and name %s", nl_geterror(-result),
-                    wanted.getVlanIndex(), name.c_str());
+        TRACE_ERROR("adding failed with %s for device id %d and name %s", nl_geterror(-result), wanted.getVlanIndex(),
+                    name.c_str());
     }
     return result == 0;
 }

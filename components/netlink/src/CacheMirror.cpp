@@ -90,8 +90,7 @@ CachePtr readKernel(nl_cache* cache)
         return nullptr;
     }
     nl_socket_modify_cb(socket.get(), NL_CB_DUMP_INTR, NL_CB_CUSTOM, stopRead, nullptr);
-    const bool read =
-        nl_connect(socket.get(), NETLINK_ROUTE) == 0 && nl_cache_refill(socket.get(), fresh.get()) == 0;
+    const bool read = nl_connect(socket.get(), NETLINK_ROUTE) == 0 && nl_cache_refill(socket.get(), fresh.get()) == 0;
     return read ? std::move(fresh) : nullptr;
 }
 
@@ -146,8 +145,7 @@ struct Difference {
 Difference compare(nl_cache* cache, nl_cache* fresh)
 {
     Difference difference;
-    for (nl_object* object = nl_cache_get_first(cache); object != nullptr;
-         object = nl_cache_get_next(object)) {
+    for (nl_object* object = nl_cache_get_first(cache); object != nullptr; object = nl_cache_get_next(object)) {
         const ObjectPtr current(nl_cache_search(fresh, object));
         if (current != nullptr && nl_object_diff64(object, current.get()) == 0) {
             nl_object_mark(current.get());
@@ -155,8 +153,7 @@ Difference compare(nl_cache* cache, nl_cache* fresh)
             difference.stale.push_back(object);
         }
     }
-    for (nl_object* object = nl_cache_get_first(fresh); object != nullptr;
-         object = nl_cache_get_next(object)) {
+    for (nl_object* object = nl_cache_get_first(fresh); object != nullptr; object = nl_cache_get_next(object)) {
         if (nl_object_is_marked(object) == 0) {
             difference.missing.push_back(object);
         }
@@ -264,8 +261,7 @@ bool CacheMirror::reconcileRoutes()
     const Difference difference = compare(caches.route, fresh.get());
     bool complete = true;
     forEachLocked(difference.stale, nl_cache_remove);
-    forEachLocked(difference.missing,
-                  [&](nl_object* object) { complete = move(object, caches.route) && complete; });
+    forEachLocked(difference.missing, [&](nl_object* object) { complete = move(object, caches.route) && complete; });
     return complete;
 }
 

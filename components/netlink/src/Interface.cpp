@@ -171,8 +171,8 @@ bool Interface::addIp(Address const& ip, bool replace)
 bool Interface::deleteIp(Address const& ip)
 {
     const std::string text = ip.getAddress();
-    const auto found = std::find_if(ips.begin(), ips.end(),
-                                    [&](Address const& entry) { return entry.getAddress() == text; });
+    const auto found =
+        std::find_if(ips.begin(), ips.end(), [&](Address const& entry) { return entry.getAddress() == text; });
     if (found == ips.end()) {
         return false;
     }
