@@ -23,6 +23,3 @@ set(ENV{PKG_CONFIG_PATH} "")
 
 # The linker of another machine does not follow the run paths of the libraries that it links.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${CMAKE_BINARY_DIR}/components/trace")
-
-# The tests do not run where they are built, so the build must not ask them for their names.
-set(CMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE PRE_TEST)

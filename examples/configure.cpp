@@ -27,7 +27,7 @@ constexpr int seconds = 5; // how long an update may take to show
 bool done(bool success, const std::string& step)
 {
     if (!success) {
-        std::cerr << "configure: " << step << " was refused; TRACE_LEVEL=3 tells why\n";
+        std::cerr << "configure: " << step << " failed or did not show in time; TRACE_LEVEL=3 tells why\n";
         return false;
     }
     std::cout << "== " << step << ": done" << std::endl;
@@ -94,6 +94,10 @@ int main(int argc, char* argv[])
         return 2;
     }
     const std::string name = argv[2];
+    if (std::string(argv[3]).find('/') == std::string::npos) {
+        std::cerr << "configure: '" << argv[3] << "' needs its prefix length, as in 192.168.1.10/24\n";
+        return 2;
+    }
     CacheManager manager;
     if (!manager.getInterface(name).isAddedToKernel()) {
         std::cerr << "configure: there is no link named '" << name << "'\n";

@@ -71,6 +71,10 @@ bool dumpLink(const netlink_route::CacheManager& manager, const std::string& nam
 
 int main(int argc, char* argv[])
 {
+    if (argc > 1 && argv[1][0] == '-') {
+        std::cerr << "usage: show [NAME...]\n";
+        return 2;
+    }
     openlog("show", LOG_PERROR, LOG_USER);
     const netlink_route::CacheManager manager;
     if (manager.getListOfInterfaces().empty()) {
