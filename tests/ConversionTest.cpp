@@ -64,15 +64,6 @@ TEST(Conversion, AddressesThatDoNot)
     }
 }
 
-TEST(Conversion, AddressesOfALink)
-{
-    const AddrPtr address(CacheManager::convertToAddress(ipv4("192.168.1.10/24"), -3));
-    ASSERT_NE(nullptr, address);
-    EXPECT_EQ(-3, rtnl_addr_get_ifindex(address.get()));
-    EXPECT_EQ(24, rtnl_addr_get_prefixlen(address.get()));
-    EXPECT_EQ(AF_INET, rtnl_addr_get_family(address.get()));
-}
-
 TEST(Conversion, AddressesFromTheKernel)
 {
     const auto read = [](int family, std::vector<unsigned char> bytes, int prefixLength) {

@@ -86,15 +86,12 @@ TEST_F(Addresses, ThatDoNotConvertReachNoKernel)
 
 TEST_F(Links, TakeMtuAndAddressInOneUpdate)
 {
-    run("ip address add 10.0.0.9/24 dev v0; ip address add 10.1.0.9/24 dev v0; ip link set v1 up");
+    run("ip address add 10.0.0.9/24 dev v0; ip link set v1 up");
     CacheManager manager;
     Interface wanted = linkWithIp("v0", "192.168.1.10/24");
     wanted.setMtu(1400);
     wanted.setAlias("uplink");
     const test::TraceLevel scope(3);
-    EXPECT_TRUE(eventually([&] { return manager.getInterface("v0").getIps().size() == 1; }));
-    run("ip address delete 10.1.0.9/24 dev v0");
-    ASSERT_TRUE(mirrorsKernel(manager));
     EXPECT_TRUE(manager.update(wanted, tries));
     EXPECT_THAT(test::takeLog(), IsEmpty());
     const std::string made = output("ip address show v0");

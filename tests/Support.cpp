@@ -322,8 +322,6 @@ void KernelTest::SetUp()
     run("ip link add v0 type veth peer name v1");
 }
 
-void KernelTest::TearDown() { trace::setLevel(0); }
-
 std::string testNic()
 {
     const char* const name = std::getenv("NETLINK_ROUTE_TEST_NIC");

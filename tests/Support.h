@@ -63,7 +63,6 @@ long residentKiB();
 class KernelTest : public testing::Test {
 protected:
     void SetUp() override;
-    void TearDown() override;
 };
 
 // The name of an ordinary NIC that the tests may change, or "".

@@ -27,15 +27,6 @@ const char* const emptyDump = "name index           eth0 and index 0\n"
                               "is active:           0\n"
                               "ip address count:    0\n";
 
-TEST(Values, AddressKeepsAnything)
-{
-    Address address = ipv4("10.0.0.1/24");
-    EXPECT_EQ("\taddress               10.0.0.1/24\n\ttype:                 3\n", address.toString());
-    EXPECT_TRUE(address.setAddress(""));
-    EXPECT_TRUE(address.setType(static_cast<Address::TYPE>(-7)));
-    EXPECT_EQ("\taddress               \n\ttype:                 -7\n", Address(address).toString());
-}
-
 TEST(Values, InterfaceDumpsEveryField)
 {
     Interface link("eth0");
@@ -97,21 +88,16 @@ TEST(Values, InterfaceRefusalsChangeNothing)
 
 TEST(Values, IpListKeepsOrderAndDuplicates)
 {
-    const auto texts = [](Interface const& link) {
-        std::vector<std::string> result;
-        for (Address const& ip : link.getIps()) {
-            result.push_back(ip.getAddress());
-        }
-        return result;
-    };
     Interface link("eth0");
     for (const char* text : {"10.0.0.1/8", "10.0.0.2/8", "10.0.0.1/8", "10.0.0.3/8"}) {
         EXPECT_TRUE(link.addIp(ipv4(text), false));
     }
     EXPECT_TRUE(link.deleteIp(Address("10.0.0.1/8", Address::OTHER)));
-    EXPECT_THAT(texts(link), ElementsAre("10.0.0.2/8", "10.0.0.1/8", "10.0.0.3/8"));
+    const std::string label = "ip address:          ";
+    EXPECT_THAT(link.toString(),
+                testing::EndsWith("3\n" + label + "10.0.0.2/8\n" + label + "10.0.0.1/8\n" + label + "10.0.0.3/8\n"));
     EXPECT_TRUE(link.addIp(link.getIps().back(), true));
-    EXPECT_THAT(texts(link), ElementsAre("10.0.0.3/8"));
+    EXPECT_THAT(link.toString(), testing::EndsWith("1\n" + label + "10.0.0.3/8\n"));
 }
 
 TEST(Values, UnsetFieldsMatchAnything)
@@ -149,18 +135,11 @@ TEST(Values, UnsetFieldsMatchAnything)
 
 TEST(Values, VlanIndexComesFromTheName)
 {
-    const std::vector<std::pair<const char*, int>> cases{{"eth0.100", 100},
-                                                         {"eth0.100.7", 100},
-                                                         {"eth0.12abc", 12},
-                                                         {"eth0.abc", 0},
-                                                         {"eth0.", 0},
-                                                         {"eth0", 0},
-                                                         {"100", 100},
-                                                         {"eth0. +7", 7},
-                                                         {"eth0.-5", -5},
-                                                         {".3", 3},
-                                                         {"eth0.99999999999", INT_MAX},
-                                                         {"a.-99999999999", INT_MIN}};
+    // clang-format off
+    const std::vector<std::pair<const char*, int>> cases{
+        {"eth0.100", 100}, {"eth0.100.7", 100}, {"eth0.12abc", 12}, {"eth0.abc", 0}, {"eth0.", 0}, {"eth0", 0},
+        {"100", 100}, {"eth0. +7", 7}, {"eth0.-5", -5}, {".3", 3}, {"eth0.99999999999", INT_MAX}, {"a.-99999999999", INT_MIN}};
+    // clang-format on
     for (const auto& [name, index] : cases) {
         EXPECT_EQ(index, Vlan(name).getVlanIndex()) << name;
     }
