@@ -245,7 +245,7 @@ bool CacheMirror::reloadAll()
             return false;
         }
     }
-    return reconcileRoutes() && drain();
+    return reconcileRoutes() && applyQueued(); // not drain(): what is lost from here on is lost again
 }
 
 // Makes the route cache the same as the kernel's routes. False when they could not be read.
@@ -265,13 +265,19 @@ bool CacheMirror::reconcileRoutes()
     return complete;
 }
 
-// Applies what is queued. False when the queue overran again and again.
+// Applies what is queued. False when the queue had overrun.
+bool CacheMirror::applyQueued()
+{
+    const MyLock lock("nl_cache_mngr_data_ready");
+    return nl_cache_mngr_data_ready(manager) >= 0;
+}
+
+// Applies what is queued until nothing is lost. False when the queue overran again and again.
 bool CacheMirror::drain()
 {
     constexpr int attempts = 100;
     for (int attempt = 0; attempt < attempts; ++attempt) {
-        const MyLock lock("nl_cache_mngr_data_ready");
-        if (nl_cache_mngr_data_ready(manager) >= 0) {
+        if (applyQueued()) {
             return true;
         }
     }

@@ -48,6 +48,7 @@ private:
     bool removalsSeen();
     bool reloadAll();
     bool reconcileRoutes();
+    bool applyQueued();
     bool drain();
 
     nl_cache_mngr* manager;
