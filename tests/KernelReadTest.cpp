@@ -123,7 +123,7 @@ TEST_F(Start, WithFewDescriptorsIsCrippledAtMost)
     route.setDestination(ipv4("10.9.0.0/24"));
     route.setGateway(ipv4("10.0.0.2/32"));
     const std::string before = test::output("ip -d address; ip route");
-    for (std::size_t left = 0; left <= 8; ++left) {
+    for (std::size_t left = 9; left-- > 0;) {
         auto scope = std::make_unique<FewDescriptors>(left);
         const test::TraceLevel level(3);
         CacheManager manager;
