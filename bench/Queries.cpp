@@ -1,139 +1,117 @@
-// What a query costs, beside the search in libnl's cache that it needs anyway, on a kernel with that many links or
-// routes. Run as root: it works in a network namespace that it makes.
+// What the queries cost, beside the same work written directly over libnl (Bare.h), on the same kernel objects.
+#include "Bare.h"
+#include "Kernel.h"
+
 #include <CacheManager.h>
 
-#include <algorithm>
 #include <benchmark/benchmark.h>
-#include <cstdlib>
+#include <map>
 #include <memory>
-#include <netlink/cache.h>
-#include <netlink/route/addr.h>
-#include <netlink/route/link.h>
-#include <netlink/route/route.h>
-#include <netlink/socket.h>
-#include <sched.h>
 #include <stdexcept>
-#include <string>
-#include <vector>
+#include <utility>
 
 namespace {
 
+using bench::Bare;
+using bench::linkName;
+using bench::routeText;
 using netlink_route::Address;
 using netlink_route::CacheManager;
 
-void run(const std::string& command)
-{
-    if (std::system(command.c_str()) != 0) {
-        throw std::runtime_error("failed: " + command);
-    }
-}
+// Both mirrors of a namespace.
+struct Mirrors {
+    explicit Mirrors(long count) : keys(count) {}
 
-void enterNewNamespace()
-{
-    if (unshare(CLONE_NEWNET) != 0) {
-        throw std::runtime_error("this needs the right to make a network namespace");
-    }
-}
+    bench::Keys keys;
+    CacheManager manager;
+    Bare bare;
+    std::vector<int> indexes; // of the links
+};
 
-void makeLinks(long count)
+// Both mirrors must tell the same, or there is nothing to compare.
+void check(Mirrors& mirrors, bench::Make make)
 {
-    enterNewNamespace();
-    run("ip link add p type veth peer name q; for i in $(seq " + std::to_string(count) +
-        "); do echo link add link p name m$i type macvlan; "
-        "echo address add 10.$((i / 250)).$((i % 250)).1/24 dev m$i; done | ip -batch -");
-}
-
-void makeRoutes(long count)
-{
-    enterNewNamespace();
-    run("ip link add p type veth peer name q; ip address add 10.0.0.1/24 dev p; ip link set p up; "
-        "for i in $(seq 0 " +
-        std::to_string(count - 1) +
-        "); do echo route add 20.$((i / 250)).$((i % 250)).0/24 via 10.0.0.2; done | ip -batch -");
-}
-
-// libnl's own cache of the same kernel.
-class PlainCache {
-public:
-    explicit PlainCache(const char* name) : socket(nl_socket_alloc(), nl_socket_free)
-    {
-        nl_cache* filled = nullptr;
-        if (nl_connect(socket.get(), 0) < 0 || nl_cache_alloc_name(name, &filled) < 0 ||
-            nl_cache_refill(socket.get(), filled) < 0) {
-            throw std::runtime_error("libnl cannot read the kernel");
+    bool same = mirrors.manager.getListOfInterfaces() == mirrors.bare.getNames();
+    for (int i = 0; i < 10; ++i) {
+        long const key = mirrors.keys.next();
+        if (make == bench::makeLinks) {
+            auto const link = mirrors.manager.getInterface(linkName(key));
+            Bare::Link const plain = mirrors.bare.getLink(linkName(key));
+            same = same && link.getIndex() == plain.index && link.getMac().getAddress() == plain.mac &&
+                   link.getIps().at(0).getAddress() == plain.ips.at(0);
+        } else {
+            auto const route = mirrors.manager.getRoute(Address(routeText(key), Address::IPV4));
+            Bare::Route const plain = mirrors.bare.getRoute(routeText(key));
+            same = same && route.getDestination().getAddress() == plain.destination && route.getTable() == plain.table;
         }
-        cache.reset(filled);
     }
-    nl_cache* get() { return cache.get(); }
-
-private:
-    std::unique_ptr<nl_sock, decltype(&nl_socket_free)> socket;
-    std::unique_ptr<nl_cache, decltype(&nl_cache_free)> cache{nullptr, nl_cache_free};
-};
-
-std::string linkName(long i) { return "m" + std::to_string(i + 1); }
-std::string routeText(long i) { return "20." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ".0/24"; }
-
-// Keys from all over the table, in an order without locality.
-class Keys {
-public:
-    explicit Keys(long howMany) : count(howMany) {}
-    long next() { return position = (position + 7919) % count; }
-
-private:
-    long count;
-    long position = 0;
-};
-
-void linkInLibnl(benchmark::State& state)
-{
-    makeLinks(state.range(0));
-    PlainCache links("route/link");
-    Keys keys(state.range(0));
-    for (auto _ : state) {
-        rtnl_link_put(rtnl_link_get_by_name(links.get(), linkName(keys.next()).c_str()));
+    if (!same) {
+        throw std::runtime_error("the mirrors differ");
     }
 }
-BENCHMARK(linkInLibnl)->Arg(10)->Arg(1000);
 
-void linkQuery(benchmark::State& state)
+// Made when they are asked for first, and kept.
+Mirrors& mirrorsOf(bench::Make make, long count)
 {
-    makeLinks(state.range(0));
-    const CacheManager manager;
-    Keys keys(state.range(0));
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(manager.getInterface(linkName(keys.next())));
+    static std::map<std::pair<bench::Make, long>, std::unique_ptr<Mirrors>> all;
+    std::unique_ptr<Mirrors>& mirrors = all[{make, count}];
+    if (mirrors == nullptr) {
+        bench::enter(make, count);
+        mirrors = std::make_unique<Mirrors>(count);
+        for (long i = 0; make == bench::makeLinks && i < count; ++i) {
+            mirrors->indexes.push_back(mirrors->bare.getLink(linkName(i)).index);
+        }
+        check(*mirrors, make);
+    }
+    return *mirrors;
+}
+
+// Measures the question with keys from all over the table.
+template <typename Ask>
+void compare(std::string const& query, char const* who, bench::Make make, std::vector<long> const& sizes, Ask ask)
+{
+    for (long const size : sizes) {
+        auto const measure = [=](benchmark::State& state) {
+            Mirrors& mirrors = mirrorsOf(make, size);
+            for (auto _ : state) {
+                benchmark::DoNotOptimize(ask(mirrors, mirrors.keys.next()));
+            }
+        };
+        benchmark::RegisterBenchmark((query + "/" + std::to_string(size) + "/" + who).c_str(), measure);
     }
 }
-BENCHMARK(linkQuery)->Arg(10)->Arg(1000);
 
-void routeInLibnl(benchmark::State& state)
+template <typename Library, typename Plain>
+void compare(std::string const& query, bench::Make make, std::vector<long> const& sizes, Library library, Plain plain)
 {
-    makeRoutes(state.range(0));
-    PlainCache routes("route/route");
-    Keys keys(state.range(0));
-    for (auto _ : state) {
-        nl_addr* destination = nullptr;
-        nl_addr_parse(routeText(keys.next()).c_str(), AF_INET, &destination);
-        rtnl_route* const filter = rtnl_route_alloc();
-        rtnl_route_set_dst(filter, destination);
-        nl_object_put(nl_cache_find(routes.get(), OBJ_CAST(filter)));
-        rtnl_route_put(filter);
-        nl_addr_put(destination);
-    }
+    compare(query, "library", make, sizes, library);
+    compare(query, "libnl", make, sizes, plain);
 }
-BENCHMARK(routeInLibnl)->Arg(10)->Arg(20000);
 
-void routeQuery(benchmark::State& state)
-{
-    makeRoutes(state.range(0));
-    const CacheManager manager;
-    Keys keys(state.range(0));
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(manager.getRoute(Address(routeText(keys.next()), Address::IPV4)));
-    }
-}
-BENCHMARK(routeQuery)->Arg(10)->Arg(20000);
+bool const registered = [] {
+    std::vector<long> const links{10, 100, 1000, 5000};
+    std::vector<long> const routes{100, 2000, 20000};
+    compare(
+        "getIps", bench::makeLinks, links,
+        [](Mirrors& of, long i) { return of.manager.getIps(of.indexes[static_cast<std::size_t>(i)]); },
+        [](Mirrors& of, long i) { return of.bare.getIps(of.indexes[static_cast<std::size_t>(i)]); });
+    compare(
+        "getInterface", bench::makeLinks, links,
+        [](Mirrors& of, long i) { return of.manager.getInterface(linkName(i)); },
+        [](Mirrors& of, long i) { return of.bare.getLink(linkName(i)); });
+    compare(
+        "getVlan", bench::makeLinks, links, [](Mirrors& of, long i) { return of.manager.getVlan(linkName(i)); },
+        [](Mirrors& of, long i) { return of.bare.getVlan(linkName(i)); });
+    compare(
+        "getListOfInterfaces", bench::makeLinks, links,
+        [](Mirrors& of, long /*i*/) { return of.manager.getListOfInterfaces(); },
+        [](Mirrors& of, long /*i*/) { return of.bare.getNames(); });
+    compare(
+        "getRoute", bench::makeRoutes, routes,
+        [](Mirrors& of, long i) { return of.manager.getRoute(Address(routeText(i), Address::IPV4)); },
+        [](Mirrors& of, long i) { return of.bare.getRoute(routeText(i)); });
+    return true;
+}();
 
 } // namespace
 

@@ -5,14 +5,12 @@
 //
 // It changes the kernel it runs on, so it asks for --yes. GATEWAY must lie in the network of the address. A shell
 // command in the environment variable CONFIGURE_WATCH is run after each step, such as CONFIGURE_WATCH='ip address'.
-#include <CacheManager.h>
+#include <netlink_route/CacheManager.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <string>
 #include <syslog.h>
-#include <thread>
 
 namespace {
 
@@ -24,14 +22,14 @@ using netlink_route::Vlan;
 
 constexpr int seconds = 5; // how long an update may take to show
 
-bool done(bool success, const std::string& step)
+bool done(bool success, std::string const& step)
 {
     if (!success) {
         std::cerr << "configure: " << step << " failed or did not show in time; TRACE_LEVEL=3 tells why\n";
         return false;
     }
     std::cout << "== " << step << ": done" << std::endl;
-    const char* const watch = std::getenv("CONFIGURE_WATCH");
+    char const* const watch = std::getenv("CONFIGURE_WATCH");
     if (watch != nullptr && std::system(watch) != 0) {
         std::cerr << "configure: CONFIGURE_WATCH failed\n";
         return false;
@@ -39,7 +37,7 @@ bool done(bool success, const std::string& step)
     return true;
 }
 
-bool configureLink(CacheManager& manager, const std::string& name, const Address& address)
+bool configureLink(CacheManager& manager, std::string const& name, Address const& address)
 {
     Interface wanted(name);
     wanted.setMtu(1400);
@@ -52,7 +50,7 @@ bool configureLink(CacheManager& manager, const std::string& name, const Address
     return true;
 }
 
-bool tryVlan(CacheManager& manager, const std::string& parent)
+bool tryVlan(CacheManager& manager, std::string const& parent)
 {
     Vlan wanted(parent + ".100");
     wanted.setUp();
@@ -64,22 +62,18 @@ bool tryVlan(CacheManager& manager, const std::string& parent)
     return done(manager.remove(wanted), "removal of " + wanted.getName());
 }
 
-bool tryRoute(CacheManager& manager, const std::string& gateway)
+bool tryRoute(CacheManager& manager, std::string const& gateway)
 {
-    const Address network("198.51.100.0/24", Address::IPV4);
+    Address const network("198.51.100.0/24", Address::IPV4);
     Route wanted("example");
     wanted.setDestination(network);
     wanted.setGateway(Address(gateway + "/32", Address::IPV4));
-    if (!done(manager.update(wanted, 0), "route to " + network.getAddress())) {
+    // What the update did is seen by the query after it.
+    bool const success = manager.update(wanted, 0) && manager.getRoute(network).isAddedToKernel();
+    if (!done(success, "route to " + network.getAddress())) {
         return false;
     }
-    // The caches show it when its notification has arrived.
-    Route found = manager.getRoute(network);
-    for (int attempt = 0; attempt < 1000 && !found.isAddedToKernel(); ++attempt) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        found = manager.getRoute(network);
-    }
-    std::cout << found.toString() << '\n';
+    std::cout << manager.getRoute(network).toString() << '\n';
     return done(manager.remove(wanted), "removal of the route");
 }
 
@@ -93,7 +87,7 @@ int main(int argc, char* argv[])
                      "It changes this machine's links; --yes says that you want that.\n";
         return 2;
     }
-    const std::string name = argv[2];
+    std::string const name = argv[2];
     if (std::string(argv[3]).find('/') == std::string::npos) {
         std::cerr << "configure: '" << argv[3] << "' needs its prefix length, as in 192.168.1.10/24\n";
         return 2;
@@ -103,7 +97,7 @@ int main(int argc, char* argv[])
         std::cerr << "configure: there is no link named '" << name << "'\n";
         return 1;
     }
-    const bool success = configureLink(manager, name, Address(argv[3], Address::IPV4)) && tryVlan(manager, name) &&
+    bool const success = configureLink(manager, name, Address(argv[3], Address::IPV4)) && tryVlan(manager, name) &&
                          tryRoute(manager, argv[4]);
     return success ? 0 : 1;
 }

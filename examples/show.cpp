@@ -3,7 +3,7 @@
 //     show [NAME...]
 //
 // TRACE_LEVEL=9 in the environment shows the library at work, on standard error and in the system log.
-#include <CacheManager.h>
+#include <netlink_route/CacheManager.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -17,23 +17,23 @@ namespace {
 
 using Row = std::vector<std::string>;
 
-Row describe(const netlink_route::Interface& link)
+Row describe(netlink_route::Interface const& link)
 {
-    const auto ips = link.getIps();
+    auto const ips = link.getIps();
     return {std::to_string(link.getIndex()), link.getName(),
             link.isUp() ? "up" : "down",     std::to_string(link.getMtu()),
             link.getMac().getAddress(),      ips.empty() ? "" : ips.front().getAddress()};
 }
 
-void printAligned(const std::vector<Row>& table)
+void printAligned(std::vector<Row> const& table)
 {
     std::vector<std::size_t> widths(table.front().size());
-    for (const Row& row : table) {
+    for (Row const& row : table) {
         for (std::size_t column = 0; column < row.size(); ++column) {
             widths[column] = std::max(widths[column], row[column].size());
         }
     }
-    for (const Row& row : table) {
+    for (Row const& row : table) {
         std::string line;
         for (std::size_t column = 0; column < row.size(); ++column) {
             line += row[column] + std::string(widths[column] - row[column].size() + 2, ' ');
@@ -43,10 +43,10 @@ void printAligned(const std::vector<Row>& table)
     }
 }
 
-void listLinks(const netlink_route::CacheManager& manager)
+void listLinks(netlink_route::CacheManager const& manager)
 {
     std::vector<Row> table{{"INDEX", "NAME", "STATE", "MTU", "MAC", "IPV4"}};
-    for (const std::string& name : manager.getListOfInterfaces()) {
+    for (std::string const& name : manager.getListOfInterfaces()) {
         auto link = manager.getInterface(name);
         if (link.isAddedToKernel()) { // it may be gone by now
             table.push_back(describe(link));
@@ -55,14 +55,14 @@ void listLinks(const netlink_route::CacheManager& manager)
     printAligned(table);
 }
 
-bool dumpLink(const netlink_route::CacheManager& manager, const std::string& name)
+bool dumpLink(netlink_route::CacheManager const& manager, std::string const& name)
 {
     auto link = manager.getInterface(name);
     if (!link.isAddedToKernel()) {
         std::cerr << "show: there is no link named '" << name << "'\n";
         return false;
     }
-    const auto vlan = manager.getVlan(name);
+    auto const vlan = manager.getVlan(name);
     std::cout << (vlan.getVlanIndex() > 0 ? vlan.toString() : link.toString()) << '\n';
     return true;
 }
@@ -76,7 +76,7 @@ int main(int argc, char* argv[])
         return 2;
     }
     openlog("show", LOG_PERROR, LOG_USER);
-    const netlink_route::CacheManager manager;
+    netlink_route::CacheManager const manager;
     if (manager.getListOfInterfaces().empty()) {
         std::cerr << "show: the kernel's links cannot be read; TRACE_LEVEL=3 tells why\n";
         return 1;
@@ -86,7 +86,7 @@ int main(int argc, char* argv[])
         return 0;
     }
     bool all = true;
-    for (const std::string& name : std::vector<std::string>(argv + 1, argv + argc)) {
+    for (std::string const& name : std::vector<std::string>(argv + 1, argv + argc)) {
         all = dumpLink(manager, name) && all;
     }
     return all ? 0 : 1;

@@ -3,13 +3,19 @@
 #
 #     say TEXT...                     a line of progress, on standard error
 #     die TEXT...                     the same, and the end of the script
-#     require_root
+#     usage                           shows the comment that the script begins with, and ends it
+#     quietly WHAT COMMAND...         runs a command, and shows its output only if it fails, which ends the script
+#     require_root                    ends the script for everybody else
 #     install_missing PACKAGE...      installs those Debian packages that are not installed
 #     build PRESET [TARGET...]        configures and builds in build/PRESET, quiet unless that fails
+#     require_namespaces              ends the script where the next one cannot work
 #     confined SECONDS COMMAND...     runs a command in namespaces of its own, for a limited time
-#     run_in_uml SECONDS COMMAND...   runs a command as root on the user-mode kernel, for a limited time
+#     make_root FOLDER ARGUMENT...    a minimal Debian 12, if there is none in FOLDER; the arguments are mmdebstrap's
+#     in_root ROOT FOLDER COMMAND...  runs a command in such a root, in namespaces of its own
 #
-# It touches the machine's packages, build/ and one temporary folder, which goes when the script ends.
+# It touches the machine's packages, build/ and one temporary folder, which goes when the script ends. Root is
+# needed to install packages, and for nothing else.
+set -euo pipefail
 
 # shellcheck disable=SC2034  # both lists are for the scripts that source this
 build_packages=(cmake ninja-build g++ pkg-config libnl-3-dev libnl-route-3-dev
@@ -17,6 +23,7 @@ build_packages=(cmake ninja-build g++ pkg-config libnl-3-dev libnl-route-3-dev
 # shellcheck disable=SC2034
 kernel_packages=(iproute2 user-mode-linux kmod)
 
+PATH+=:/usr/sbin:/sbin # of ip, depmod and modprobe, for users other than root
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 scratch=$(mktemp -d /tmp/netlink_route.XXXXXX)
 trap 'rm -rf "$scratch"' EXIT
@@ -30,11 +37,11 @@ die() {
     exit 1
 }
 
-require_root() {
-    [[ $EUID -eq 0 ]] || die "needs root, to make network namespaces and a virtual kernel; nothing was done"
+usage() {
+    sed -n '2,/^set /s/^# \{0,1\}//p' "$0" >&2
+    exit 2
 }
 
-# quietly WHAT COMMAND...: shows the command's output only when it fails, and ends the script then.
 quietly() {
     local what=$1 log=$scratch/quietly
     shift
@@ -43,6 +50,8 @@ quietly() {
         die "$what failed; its output is above"
     fi
 }
+
+require_root() { [[ $EUID -eq 0 ]] || die "needs root, for the minimal systems that it makes; nothing was done"; }
 
 is_installed() {
     dpkg-query --show --showformat '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed
@@ -73,99 +82,52 @@ build() {
     quietly "building $preset" cmake --build --preset "$preset" ${1:+--target "$@"}
 }
 
+# The release alone, without its updates: then the packages of all architectures have the same versions.
+make_root() {
+    local root=$1
+    shift
+    [[ ! -f $root/.complete || $(<"$root/.complete") != "$*" ]] || return 0
+    rm -rf "$root"
+    mkdir -p "$root"
+    quietly "making a minimal Debian in $root" mmdebstrap --mode=root --variant=apt "$@" bookworm "$root" \
+        "deb $(debian_mirror) bookworm main"
+    echo "$*" >"$root/.complete"
+}
+
+# Where this machine has Debian's packages from.
+debian_mirror() {
+    local mirrors
+    mapfile -t mirrors < <(apt-get indextargets --format "\$(REPO_URI)" 'Created-By: Packages' 'Label: Debian')
+    echo "${mirrors[0]:-http://deb.debian.org/debian}"
+}
+
+# shellcheck disable=SC2016 # the inner shell's arguments
+in_root() {
+    local root=$1 folder=$2
+    shift 2
+    unshare --net --pid --mount --fork --kill-child --mount-proc="$root/proc" chroot "$root" \
+        env --ignore-environment PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
+        sh -c 'cd "$1" && shift && exec "$@"' sh "$folder" "$@"
+}
+
 # The network namespace keeps the machine's own links out of reach. The process namespace goes with its first
-# process, and with it everything that the command started. That first process is a shell, because the kernel
-# spares it signals that must end a program, such as that of abort(); and it waits, so that Ctrl-C ends it at once,
-# whatever the command (the user-mode kernel ignores it).
+# process, and with it everything that the command started.
+namespaces=(--net --pid --mount-proc --fork --kill-child)
+
+# Root makes them directly, everybody else in a user namespace, in which he is root.
+require_namespaces() {
+    unshare "${namespaces[@]}" true 2>"$scratch/direct" && return
+    namespaces+=(--user --map-root-user)
+    unshare "${namespaces[@]}" true 2>"$scratch/user" || die "this user may not make network namespaces here:" \
+        "neither directly ($(<"$scratch/direct")) nor in a user namespace ($(<"$scratch/user"))." \
+        "Run as root, or allow user namespaces (sysctl user.max_user_namespaces, kernel.unprivileged_userns_clone)"
+}
+
+# The first process is a shell, because the kernel spares it signals that must end a program, such as that of
+# abort(); and it waits, so that Ctrl-C ends it at once, whatever the command (the user-mode kernel ignores it).
 confined() {
     local limit=$1
     shift
-    timeout --foreground --signal=KILL "$limit" \
-        unshare --net --pid --mount-proc --fork --kill-child -- \
+    timeout --foreground --signal=KILL "$limit" unshare "${namespaces[@]}" -- \
         bash -euo pipefail -c 'trap "exit 130" INT; "$@" & wait "$!"' bash "$@"
-}
-
-# The user-mode kernel is an ordinary program whose root file system is the machine's own, read-only. The
-# command may be a function of the calling script. It starts in the project's folder, can write to /tmp, /run
-# and /dev/shm, which are empty then, and has an ordinary NIC, vec0. Its output goes to standard output, its exit
-# status is returned; 124, with the kernel's messages, if there is none.
-run_in_uml() {
-    local limit=$1 folder=$scratch/uml began=$SECONDS
-    shift
-    [[ -c /dev/net/tun ]] || die "the virtual kernel's NIC needs /dev/net/tun, which this machine lacks"
-    rm -rf "$folder"
-    mkdir -p "$folder/shared/lib" "$folder/memory"
-    ln -s /usr/lib/uml/modules "$folder/shared/lib/modules"
-    {
-        echo '#!/bin/bash'
-        declare -f
-        printf '%q ' guest "$folder/shared" "$project" "$@"
-    } >"$folder/init"
-    chmod +x "$folder/init"
-
-    : >"$folder/console"
-    confined "$limit" uml_host "$folder" || true
-    if [[ ! -s $folder/shared/status ]]; then
-        tail -n 40 "$folder/console" >&2
-        say "the user-mode kernel ended after $((SECONDS - began)) of at most $limit s without the command's" \
-            "exit status; its last messages are above"
-        return 124
-    fi
-    return "$(<"$folder/shared/status")"
-}
-
-# uml_host FOLDER: what runs inside the namespaces, around the kernel.
-uml_host() {
-    local folder=$1
-    ip tuntap add tap0 mode tap 2>>"$folder/console" # the other end of vec0
-    ip link set tap0 up
-    # The kernel keeps its memory in a file: /dev/shm may be small, or forbid to execute what lies in it.
-    mount -t tmpfs tmpfs "$folder/memory"
-    # The command writes to the second console. It goes through a pipe, since the kernel makes its consoles
-    # non-blocking, which would stick to the terminal or file that standard output is.
-    {
-        TMPDIR=$folder/memory linux.uml mem=512M rootfstype=hostfs ro init="$folder/init" uml_dir="$folder/" \
-            con=null con0=null,fd:1 con1=null,fd:3 vec0:transport=tap,ifname=tap0 \
-            3>&1 >>"$folder/console" 2>&1 </dev/null
-    } | cat
-}
-export -f uml_host
-
-# guest SHARED PROJECT COMMAND...: the first process on the user-mode kernel. It stops with a kernel panic, and
-# thus without a status, if it cannot prepare the system.
-guest() {
-    local shared=$1 project=$2 status
-    shift 2
-    set -euo pipefail
-    export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root
-    mount -t proc proc /proc
-    mount -t sysfs sysfs /sys
-    # The root is read-only, and a program needs places to write to. Each tmpfs hides what the machine has
-    # there, the project perhaps, so that is held fast before and put back after.
-    mount --bind "$project" /mnt
-    mkdir /dev/shm
-    mount -t tmpfs tmpfs /dev/shm
-    mount -t tmpfs tmpfs /run
-    mount -t tmpfs tmpfs /tmp
-    mkdir -p "$project" "$shared"
-    mount --move /mnt "$project"
-    mount -t hostfs -o "$shared" hostfs "$shared" # writable: the status goes out here
-    ln -s /proc/self/fd /dev/fd
-
-    modprobe -d "$shared" -a ipv6 8021q dummy veth macvlan bridge
-    ip link set lo up
-
-    stty -F /dev/tty1 raw
-    set +e # no "||" after the command: it would switch off "set -e" in a command that is a function
-    (
-        set -e
-        cd "$project"
-        "$@"
-    ) >/dev/tty1 2>&1 </dev/null
-    status=$?
-    stty -F /dev/tty1 raw # waits until everything is written
-    echo "$status" >"$shared/status"
-    umount "$shared"
-    echo o >/proc/sysrq-trigger # power off
-    sleep 60
 }

@@ -1,24 +1,19 @@
 #include "Support.h"
 
 #include "MyLock.h"
+#include "NetworkNamespace.h"
 
+#include <algorithm>
 #include <array>
-#include <atomic>
-#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
 #include <mutex>
-#include <netlink/cache.h>
-#include <netlink/route/link.h>
-#include <netlink/route/nexthop.h>
-#include <netlink/route/route.h>
 #include <sched.h>
 #include <set>
 #include <sstream>
@@ -31,44 +26,29 @@ namespace {
 
 std::mutex logMutex;
 std::vector<std::pair<std::thread::id, std::string>> lines;
-std::atomic<int> sleeps{0};
-std::atomic<int> refills{0};
-std::atomic<int> lockedRefills{0};
-std::atomic<int> unlockedChanges{0};
-thread_local int allocations = 0;
-thread_local int failFrom = 0;
-const int firstNamespace = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+int const firstNamespace = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
 
-[[gnu::format(printf, 2, 0)]] void keep(int priority, const char* format, va_list arguments)
+[[gnu::format(printf, 2, 0)]] void keep(int priority, char const* format, va_list arguments)
 {
-    va_list copy;
-    va_copy(copy, arguments);
-    const int size = std::vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    std::string text(static_cast<std::size_t>(size) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), format, arguments);
-    text.pop_back();
-    const auto colon = text.find(".cpp:");
+    char* formatted = nullptr;
+    if (vasprintf(&formatted, format, arguments) < 0) {
+        return;
+    }
+    std::string text = std::to_string(priority) + " " + formatted;
+    std::free(formatted); // NOLINT
+    auto const colon = text.find(".cpp:");
     if (colon != std::string::npos) {
         text.replace(colon + 5, text.find(' ', colon) - colon - 5, "N");
     }
-    const std::lock_guard<std::mutex> guard(logMutex);
-    lines.emplace_back(std::this_thread::get_id(), std::to_string(priority) + " " + text);
+    std::lock_guard<std::mutex> const guard(logMutex);
+    lines.emplace_back(std::this_thread::get_id(), text);
 }
-
-template <typename Function>
-Function* next(const char* name)
-{
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
-bool failsNow() { return failFrom != 0 && ++allocations >= failFrom; }
 
 } // namespace
 
-// These stand before the C library's and libnl's, whose place the program's own symbols take.
+// These stand before the C library's, whose place the program's own symbols take.
 extern "C" {
-void syslog(int priority, const char* format, ...)
+void syslog(int priority, char const* format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
@@ -76,41 +56,13 @@ void syslog(int priority, const char* format, ...)
     va_end(arguments);
 }
 
-[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int flag, const char* format, ...); // NOLINT
-void __syslog_chk(int priority, int /*flag*/, const char* format, ...)                            // NOLINT
+[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int flag, char const* format, ...); // NOLINT
+void __syslog_chk(int priority, int /*flag*/, char const* format, ...)                            // NOLINT
 {
     va_list arguments;
     va_start(arguments, format);
     keep(priority, format, arguments);
     va_end(arguments);
-}
-
-unsigned int sleep(unsigned int seconds)
-{
-    ++sleeps;
-    return next<decltype(sleep)>("sleep")(seconds);
-}
-
-int nl_cache_refill(nl_sock* socket, nl_cache* cache)
-{
-    ++refills;
-    lockedRefills += test::lockIsFree() ? 0 : 1;
-    return next<decltype(nl_cache_refill)>("nl_cache_refill")(socket, cache);
-}
-
-int nl_cache_move(nl_cache* cache, nl_object* object)
-{
-    unlockedChanges += test::lockIsFree() ? 1 : 0;
-    return next<decltype(nl_cache_move)>("nl_cache_move")(cache, object);
-}
-
-rtnl_link* rtnl_link_alloc() { return failsNow() ? nullptr : next<decltype(rtnl_link_alloc)>("rtnl_link_alloc")(); }
-
-rtnl_route* rtnl_route_alloc() { return failsNow() ? nullptr : next<decltype(rtnl_route_alloc)>("rtnl_route_alloc")(); }
-
-rtnl_nexthop* rtnl_route_nh_alloc()
-{
-    return failsNow() ? nullptr : next<decltype(rtnl_route_nh_alloc)>("rtnl_route_nh_alloc")();
 }
 }
 
@@ -120,7 +72,7 @@ namespace {
 
 std::vector<std::string> take(bool own)
 {
-    const std::lock_guard<std::mutex> guard(logMutex);
+    std::lock_guard<std::mutex> const guard(logMutex);
     std::vector<std::string> result;
     for (auto const& [thread, text] : lines) {
         if ((thread == std::this_thread::get_id()) == own) {
@@ -149,27 +101,36 @@ TraceLevel::~TraceLevel()
     takeLog();
 }
 
-void failAllocations(int first)
-{
-    allocations = 0;
-    failFrom = first;
-}
-
-int sleepCount() { return sleeps; }
-
-int refillCount() { return refills; }
-
-int lockedRefillCount() { return lockedRefills; }
-
-int unlockedChangeCount() { return unlockedChanges; }
-
 bool lockIsFree()
 {
-    const bool locked = pthread_mutex_trylock(&mutex_man) == 0;
+    bool const locked = pthread_mutex_trylock(&mutex_man) == 0;
     if (locked) {
         pthread_mutex_unlock(&mutex_man);
     }
     return locked;
+}
+
+netlink_route::Interface linkWithEveryField(std::string const& name)
+{
+    using netlink_route::Address;
+    netlink_route::Interface link(name);
+    EXPECT_TRUE(link.setGroup(7) && link.setMac({"00:11:22:33:44:55", Address::MAC}) &&
+                link.setBroadcast({"ff:ff:ff:ff:ff:fe", Address::MAC}) && link.setMtu(1400) &&
+                link.setTxQueueLength(9000) && link.setAlias("uplink") && link.setArpType(6) &&
+                link.setQueueingDiscipline("fq") && link.setPromiscuityCount(4) && link.setNbrTxQueues(2) &&
+                link.setNbrRxQueues(3) && link.setModeDormant(true) && link.setUp());
+    return link;
+}
+
+netlink_route::Route routeWithEveryField()
+{
+    netlink_route::Route route("result");
+    EXPECT_TRUE(route.setScope(RT_SCOPE_LINK) && route.setTable(static_cast<rt_class_t>(1000)) &&
+                route.setProtocol(RTPROT_BOOT) && route.setTos(8) && route.setPriority(70000) &&
+                route.setType(RTN_LOCAL) && route.setDestination(ipv4("10.1.0.0/16")) &&
+                route.setSource(ipv4("10.2.0.0/16")) && route.setSourcePreferred(ipv4("10.3.0.1/24")) &&
+                route.setGateway(ipv4("10.0.0.1/24")) && route.setHops({ipv4("10.0.0.2/24"), ipv4("10.0.0.3/24")}));
+    return route;
 }
 
 std::string output(std::string const& command)
@@ -177,7 +138,7 @@ std::string output(std::string const& command)
     std::string text;
     std::array<char, 4096> buffer{};
     FILE* const pipe = popen(command.c_str(), "r"); // NOLINT
-    while (const std::size_t size = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
+    while (std::size_t const size = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
         text.append(buffer.data(), size);
     }
     EXPECT_EQ(0, pclose(pipe)) << command;
@@ -186,16 +147,21 @@ std::string output(std::string const& command)
 
 void run(std::string const& command) { output(command); }
 
+std::string configuration()
+{
+    return output("ip -o -d link | sed 's/<[^>]*>//; s/ state [A-Z]*//'; ip -o -4 address; "
+                  "ip -4 route show table all | sed 's/ linkdown//'");
+}
+
 bool eventually(std::function<bool()> const& condition, std::chrono::milliseconds time)
 {
-    const auto deadline = std::chrono::steady_clock::now() + time;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return condition();
-        }
+    auto const deadline = std::chrono::steady_clock::now() + time;
+    bool holds = condition();
+    while (!holds && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        holds = condition();
     }
-    return true;
+    return holds;
 }
 
 namespace {
@@ -214,22 +180,54 @@ std::vector<std::vector<std::string>> readWords(std::string const& command)
 
 using Lines = std::multiset<std::string>; // what is listed twice shows
 
-std::map<std::string, std::string> addressesOfKernel() // of each link, between blanks
+std::set<std::string> destinations; // that the kernel had at some time
+
+// What `ip -N` prints of a route: table, type of service, metric, gateways.
+std::string routeOfKernel(std::vector<std::string> const& row)
 {
-    std::map<std::string, std::string> addresses;
-    for (auto const& row : readWords("ip -4 -o address | sed 's,/32 , ,'")) {
-        addresses[row.at(1)] += " " + row.at(3) + " ";
+    std::map<std::string, std::string> given{{"table", "254"}, {"tos", "0"}, {"metric", "0"}};
+    for (std::size_t i = 0; i + 1 < row.size(); ++i) {
+        given[row[i]] = (row[i] == "via" ? given["via"] + " " : "") + row[i + 1];
     }
-    return addresses;
+    return given["table"] + " " + std::to_string(std::stoi(given["tos"], nullptr, 0)) + " " + given["metric"] +
+           given["via"];
 }
 
+std::string routeOf(netlink_route::Route route)
+{
+    std::string text = std::to_string(route.getTable()) + " " + std::to_string(route.getTos()) + " " +
+                       std::to_string(route.getPriority());
+    std::vector<netlink_route::Address> gateways = route.getHops();
+    gateways.insert(gateways.begin(), route.getGateway());
+    for (auto const& gateway : gateways) {
+        std::string const address = gateway.getAddress();
+        text += (address.empty() ? "" : " ") + address.substr(0, address.find("/32"));
+    }
+    return text;
+}
+
+// The links, the first address of each and the first route to each destination.
 Lines linesOfKernel()
 {
     Lines lines;
     for (auto const& row : readWords("ip -o link | sed -E 's/^[0-9]+: ([^:@]+)[^<]*<(.*)> mtu ([0-9]+).*"
                                      " link\\/[a-z]+ ([^ ]*).*/\\1 ,\\2, \\3 \\4/'")) {
-        const bool up = row.at(1).find(",UP,") != std::string::npos;
+        bool const up = row.at(1).find(",UP,") != std::string::npos;
         lines.insert(row[0] + (up ? " up " : " down ") + row.at(2) + " " + row.at(3));
+    }
+    std::map<std::string, std::string> first;
+    for (auto const& row : readWords("ip -4 -o address | sed 's,/32 , ,'")) {
+        first.emplace("address of " + row.at(1), row.at(3));
+    }
+    for (auto const& row : readWords("ip -4 -N -o route show table all")) {
+        bool const hasType = row.at(0) != "default" && row[0].find('.') == std::string::npos;
+        std::string destination = row.at(hasType ? 1 : 0);
+        destination += destination.find('/') == std::string::npos && destination != "default" ? "/32" : "";
+        destinations.insert(destination);
+        first.emplace("route to " + destination, routeOfKernel(row));
+    }
+    for (auto const& [what, text] : first) {
+        lines.insert(what + ": " + text);
     }
     return lines;
 }
@@ -238,72 +236,83 @@ Lines linesOf(netlink_route::CacheManager const& manager)
 {
     Lines lines;
     for (std::string const& name : manager.getListOfInterfaces()) {
-        const auto link = manager.getInterface(name);
+        auto const link = manager.getInterface(name);
         lines.insert(name + (link.isUp() ? " up " : " down ") + std::to_string(link.getMtu()) + " " +
                      link.getMac().getAddress());
+        for (auto const& ip : link.getIps()) {
+            lines.insert("address of " + name + ": " + ip.getAddress());
+        }
+    }
+    for (std::string const& destination : destinations) {
+        auto route = manager.getRoute(ipv4(destination));
+        if (route.isAddedToKernel()) {
+            lines.insert("route to " + destination + ": " + routeOf(route));
+        }
     }
     return lines;
 }
 
-// A link whose address is none of those that the kernel has for it, or missing, or "".
-std::string wrongAddress(netlink_route::CacheManager const& manager)
+// All answers, the promiscuity counts aside.
+Lines answersOf(netlink_route::CacheManager const& manager)
 {
-    auto addresses = addressesOfKernel();
+    auto const known = [](std::string text) {
+        auto const promiscuity = text.find("promiscuity");
+        return text.erase(promiscuity, text.find('\n', promiscuity) - promiscuity);
+    };
+    Lines answers;
     for (std::string const& name : manager.getListOfInterfaces()) {
-        const auto ips = manager.getInterface(name).getIps();
-        const std::string& held = addresses[name];
-        if (ips.empty() ? !held.empty() : held.find(" " + ips[0].getAddress() + " ") == std::string::npos) {
-            return "address of " + name;
-        }
+        answers.insert(known(manager.getInterface(name).toString()));
+        answers.insert(known(manager.getVlan(name).toString()));
     }
-    return "";
+    for (std::string const& destination : destinations) {
+        answers.insert(destination + '\n' + manager.getRoute(ipv4(destination)).toString());
+    }
+    return answers;
 }
 
-// A destination that the kernel has and the manager has not, or the other way round, or "".
-std::string wrongRoute(netlink_route::CacheManager const& manager)
+testing::AssertionResult becomeEqual(std::function<Lines()> const& wanted, std::function<Lines()> const& held,
+                                     std::chrono::milliseconds time)
 {
-    static std::set<std::string> seen; // at some time
-    std::set<std::string> there;
-    for (auto const& row : readWords("ip -4 route show table all | sed '/^[[:space:]]/d'")) {
-        const std::string& word =
-            std::isdigit(row.at(0)[0]) != 0 || row[0] == "default" ? row[0] : row.at(1); // the type
-        const bool complete = word.find('/') != std::string::npos || word == "default";
-        there.insert(complete ? word : word + "/32");
-    }
-    seen.insert(there.begin(), there.end());
-    for (std::string const& destination : seen) {
-        const bool held = manager.getRoute(ipv4(destination)).isAddedToKernel();
-        if (held != (there.count(destination) != 0)) {
-            return (held ? "has a ghost " : "lacks ") + destination;
-        }
-    }
-    return "";
+    Lines missing;
+    Lines wrong;
+    auto const without = [](Lines const& all, Lines const& others) {
+        Lines rest;
+        std::set_difference(all.begin(), all.end(), others.begin(), others.end(), std::inserter(rest, rest.end()));
+        return rest;
+    };
+    auto const compare = [&] {
+        Lines const right = wanted();
+        Lines const answers = held();
+        missing = without(right, answers);
+        wrong = without(answers, right);
+        return missing.empty() && wrong.empty();
+    };
+    return eventually(compare, time) ? testing::AssertionSuccess()
+                                     : testing::AssertionFailure() << "missing: " << testing::PrintToString(missing)
+                                                                   << "\nwrong: " << testing::PrintToString(wrong);
 }
 
 } // namespace
 
 testing::AssertionResult mirrorsKernel(netlink_route::CacheManager const& manager, std::chrono::milliseconds time)
 {
-    Lines kernel;
-    Lines mirror;
-    std::string wrong;
-    const bool same = eventually(
-        [&] {
-            kernel = linesOfKernel();
-            mirror = linesOf(manager);
-            wrong = wrongAddress(manager) + wrongRoute(manager);
-            return kernel == mirror && wrong.empty();
-        },
-        time);
-    return same ? testing::AssertionSuccess()
-                : testing::AssertionFailure()
-                      << "kernel: " << testing::PrintToString(kernel) << "\nmanager: " << testing::PrintToString(mirror)
-                      << "\nwrong: " << wrong;
+    return becomeEqual(
+        linesOfKernel, [&] { return linesOf(manager); }, time);
+}
+
+testing::AssertionResult answersAsNew(netlink_route::CacheManager const& manager, std::chrono::milliseconds time)
+{
+    auto const withAnswers = [](Lines lines, netlink_route::CacheManager const& asked) {
+        lines.merge(answersOf(asked));
+        return lines;
+    };
+    return becomeEqual([&] { return withAnswers(linesOfKernel(), netlink_route::CacheManager()); },
+                       [&] { return withAnswers(linesOf(manager), manager); }, time);
 }
 
 std::ptrdiff_t openDescriptors()
 {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
+    std::filesystem::directory_iterator const all("/proc/self/fd");
     return std::distance(begin(all), end(all));
 }
 
@@ -318,13 +327,13 @@ long residentKiB()
 
 void KernelTest::SetUp()
 {
-    ASSERT_EQ(0, unshare(CLONE_NEWNET)) << "the tests need the right to make network namespaces";
+    ASSERT_TRUE(enterNewNetwork()) << "this user may make neither network nor user namespaces";
     run("ip link add v0 type veth peer name v1");
 }
 
 std::string testNic()
 {
-    const char* const name = std::getenv("NETLINK_ROUTE_TEST_NIC");
+    char const* const name = std::getenv("NETLINK_ROUTE_TEST_NIC");
     return name != nullptr ? name : "";
 }
 

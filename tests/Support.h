@@ -4,11 +4,14 @@
 #include <CacheManager.h>
 #include <TraceLevel.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace test {
@@ -27,18 +30,6 @@ public:
     TraceLevel& operator=(TraceLevel const&) = delete;
 };
 
-// Makes libnl's allocations of links, routes and next hops fail, the n-th of each and every later one, 0: none.
-void failAllocations(int first);
-
-// How often, all in all, sleep(3) was called, libnl's function that reads a whole table from the kernel, and the
-// same while the lock of the caches was held.
-int sleepCount();
-int refillCount();
-int lockedRefillCount();
-
-// How often libnl's function that adds to a cache of a manager was called while the lock of the caches was free.
-int unlockedChangeCount();
-
 // Whether nobody holds the lock of the caches.
 bool lockIsFree();
 
@@ -46,13 +37,50 @@ bool lockIsFree();
 void run(std::string const& command);
 std::string output(std::string const& command);
 
+// The links, IPv4 addresses and routes of the kernel, without what it changes by itself.
+std::string configuration();
+
 // Whether the condition holds before the time is over.
 bool eventually(std::function<bool()> const& condition,
                 std::chrono::milliseconds time = std::chrono::milliseconds(1000));
 
-// Whether the manager's links, first addresses and routes are the kernel's within the time; else says what differs.
+// Repeats something on a thread of its own for as long as it lives.
+class Meanwhile {
+public:
+    explicit Meanwhile(std::function<void()> work)
+        : thread([this, work = std::move(work)] {
+              while (!stop) {
+                  work();
+              }
+          })
+    {
+    }
+    ~Meanwhile()
+    {
+        stop = true;
+        thread.join();
+    }
+    Meanwhile(Meanwhile const&) = delete;
+    Meanwhile& operator=(Meanwhile const&) = delete;
+
+private:
+    std::atomic<bool> stop{false};
+    std::thread thread;
+};
+
+// Whether the manager's links, and the first address of each link and the first route to each destination, are the
+// kernel's within the time; else says what differs.
 testing::AssertionResult mirrorsKernel(netlink_route::CacheManager const& manager,
                                        std::chrono::milliseconds time = std::chrono::milliseconds(1000));
+
+// The same, and whether it answers every query as a manager made now does, the promiscuity count aside: the kernel
+// notifies nobody of that.
+testing::AssertionResult answersAsNew(netlink_route::CacheManager const& manager,
+                                      std::chrono::milliseconds time = std::chrono::milliseconds(1000));
+
+// A link and a route with every field set, each to a value of its own.
+netlink_route::Interface linkWithEveryField(std::string const& name);
+netlink_route::Route routeWithEveryField();
 
 inline netlink_route::Address ipv4(std::string const& text) { return {text, netlink_route::Address::IPV4}; }
 

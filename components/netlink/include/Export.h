@@ -5,3 +5,10 @@
 
 // Takes a private member of an exported class out again.
 #define NETLINK_ROUTE_LOCAL __attribute__((visibility("hidden")))
+
+// What clang's analysis of thread safety checks (-Wthread-safety); nothing to other compilers.
+#ifdef __clang__
+#define NETLINK_ROUTE_THREAD_SAFETY(attribute) __attribute__((attribute))
+#else
+#define NETLINK_ROUTE_THREAD_SAFETY(attribute)
+#endif

@@ -1,3 +1,4 @@
+/// @file
 #pragma once
 
 #include "Export.h"
@@ -6,18 +7,24 @@ struct nl_sock;
 
 namespace netlink_route {
 
-// Owns one rtnetlink socket, connected for as long as the object lives.
-//
-// The constructor logs its failures and never throws. One thread at a time may send on the socket.
+/// Owns one rtnetlink socket, connected for as long as the object lives.
+///
+/// The constructor logs its failures and never throws. One thread at a time may send on the socket.
 class NETLINK_ROUTE_API RouteSocket {
 public:
+    /// Opens the socket and connects it.
     RouteSocket();
+    /// Closes it.
     ~RouteSocket();
+    ///@{
+
+    /// A socket is not copied.
     RouteSocket(RouteSocket const&) = delete;
     RouteSocket& operator=(RouteSocket const&) = delete;
+    ///@}
 
-    // Null when the socket could not be allocated, and not connected when that failed. The RouteSocket stays
-    // the owner.
+    /// Null when the socket could not be allocated, and not connected when that failed. The RouteSocket stays
+    /// the owner.
     nl_sock* getSocket();
 
 private:

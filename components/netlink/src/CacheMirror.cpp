@@ -1,287 +1,373 @@
 #include "CacheMirror.h"
 
-#include "MyLock.h"
+#include "CacheSearch.h"
+#include "CacheSetup.h"
+#include "Memory.h"
 #include "NetlinkPtr.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
-#include <array>
-#include <cerrno>
-#include <cstddef>
-#include <linux/filter.h>
-#include <linux/netlink.h>
+#include <ctime>
+#include <iterator>
 #include <linux/rtnetlink.h>
-#include <net/if.h>
 #include <netlink/errno.h>
-#include <netlink/netlink.h>
+#include <netlink/object.h>
+#include <new>
+#include <optional>
+#include <sched.h>
 #include <sys/socket.h>
-#include <unistd.h>
 #include <utility>
-#include <vector>
 
 namespace netlink_route {
 
+// ---- The registry of the managers that run. It needs no construction, since a manager may be a global object. ----
+
 namespace {
 
-// Lets through what may leave the route cache wrong: a route, an address or a link that goes away, a link that goes
-// down, and any change of a nexthop object. A new link is down as well; it is told from one that goes down by its
-// change mask, in which every bit is set.
-int attachRemovalFilter(int descriptor)
-{
-    constexpr unsigned int type = offsetof(nlmsghdr, nlmsg_type);
-    constexpr unsigned int flags = NLMSG_HDRLEN + offsetof(ifinfomsg, ifi_flags);
-    constexpr unsigned int change = NLMSG_HDRLEN + offsetof(ifinfomsg, ifi_change);
-    // The filter reads numbers in network order, and netlink writes them in the host's.
-    // clang-format off
-    std::array<sock_filter, 14> program{{
-        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, type),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELROUTE), 11, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELADDR), 10, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELLINK), 9, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_NEWNEXTHOP), 8, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELNEXTHOP), 7, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_NEWLINK), 0, 5),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, flags),
-        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, htonl(IFF_UP), 3, 0),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, change),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ~0U, 1, 0),
-        BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, htonl(IFF_UP), 1, 0),
-        BPF_STMT(BPF_RET | BPF_K, 0),   // drop
-        BPF_STMT(BPF_RET | BPF_K, ~0U), // keep
-    }};
-    // clang-format on
-    const sock_fprog filter{program.size(), program.data()};
-    return setsockopt(descriptor, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter);
-}
-
-// The kernel serves the sockets of a group from the youngest to the oldest. This one joins after the event socket, so
-// it has a removal before the event socket has it; were it otherwise, the next event would show the removal.
-int openRemovals()
-{
-    const int descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
-    if (descriptor < 0) {
-        return -1;
-    }
-    sockaddr_nl local{};
-    local.nl_family = AF_NETLINK;
-    local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE;
-    const bool ready = attachRemovalFilter(descriptor) == 0 &&
-                       bind(descriptor, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
-    if (!ready) {
-        close(descriptor);
-        return -1;
-    }
-    const int group = RTNLGRP_NEXTHOP; // too high for nl_groups; kernels before 5.3 have none
-    setsockopt(descriptor, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group);
-    return descriptor;
-}
-
-// Ends a read that changes of the kernel have made inconsistent. Left alone, libnl would begin again at once, for as
-// long as the changes go on.
-int stopRead(nl_msg* /*message*/, void* /*argument*/) { return -NLE_AGAIN; }
-
-// What the kernel holds now of the kind that the cache is for, or null. Read over a socket of its own, on which
-// nothing else arrives.
-CachePtr readKernel(nl_cache* cache)
-{
-    const SocketPtr socket(nl_socket_alloc());
-    CachePtr fresh(nl_cache_alloc(nl_cache_get_ops(cache)));
-    if (socket == nullptr || fresh == nullptr) {
-        return nullptr;
-    }
-    nl_socket_modify_cb(socket.get(), NL_CB_DUMP_INTR, NL_CB_CUSTOM, stopRead, nullptr);
-    const bool read = nl_connect(socket.get(), NETLINK_ROUTE) == 0 && nl_cache_refill(socket.get(), fresh.get()) == 0;
-    return read ? std::move(fresh) : nullptr;
-}
-
-// Moves an object from one cache to another. False when there is no memory for that, and the object is gone.
-bool move(nl_object* object, nl_cache* to)
-{
-    if (nl_cache_move(to, object) == 0) {
-        return true;
-    }
-    nl_object_put(object);
-    return false;
-}
-
-// Exchanges the contents of the cache in one step, so that no query sees a part. False when that failed.
-bool reload(nl_cache* cache)
-{
-    const CachePtr fresh = readKernel(cache);
-    if (fresh == nullptr) {
-        return false;
-    }
-    bool complete = true;
-    const MyLock lock("nl_cache_mngr_data_ready");
-    nl_cache_clear(cache);
-    while (nl_object* const object = nl_cache_get_first(fresh.get())) {
-        complete = move(object, cache) && complete;
-    }
-    return complete;
-}
-
-// Calls the function with each object, and lets the queries in now and then.
-template <typename Function>
-void forEachLocked(std::vector<nl_object*> const& objects, Function function)
-{
-    constexpr std::size_t slice = 256;
-    for (std::size_t begin = 0; begin < objects.size(); begin += slice) {
-        const MyLock lock("nl_cache_mngr_data_ready");
-        const std::size_t end = std::min(begin + slice, objects.size());
-        for (std::size_t i = begin; i < end; ++i) {
-            function(objects[i]);
-        }
-    }
-}
-
-// What it takes to make a cache the same as a fresh one.
-struct Difference {
-    std::vector<nl_object*> stale;   // in the cache
-    std::vector<nl_object*> missing; // in the fresh one
-};
-
-// Takes references and sets marks in the fresh cache only: the other one is shared, and may be read without the
-// lock because this thread alone changes it.
-Difference compare(nl_cache* cache, nl_cache* fresh)
-{
-    Difference difference;
-    for (nl_object* object = nl_cache_get_first(cache); object != nullptr; object = nl_cache_get_next(object)) {
-        const ObjectPtr current(nl_cache_search(fresh, object));
-        if (current != nullptr && nl_object_diff64(object, current.get()) == 0) {
-            nl_object_mark(current.get());
-        } else {
-            difference.stale.push_back(object);
-        }
-    }
-    for (nl_object* object = nl_cache_get_first(fresh); object != nullptr; object = nl_cache_get_next(object)) {
-        if (nl_object_is_marked(object) == 0) {
-            difference.missing.push_back(object);
-        }
-    }
-    return difference;
-}
+std::mutex registryMutex;
+CacheMirror* registry = nullptr;
 
 } // namespace
 
-CacheMirror::CacheMirror(nl_cache_mngr* cacheManager, Caches const& itsCaches)
-    : manager(cacheManager), caches(itsCaches), removals(openRemovals())
+CacheMirror* CacheMirror::of(nl_cache_mngr* cacheManager)
 {
+    std::lock_guard<std::mutex> const guard(registryMutex);
+    CacheMirror* mirror = registry;
+    while (mirror != nullptr && mirror->manager != cacheManager) {
+        mirror = mirror->next;
+    }
+    return mirror;
 }
 
 CacheMirror::~CacheMirror()
 {
-    if (removals >= 0) {
-        close(removals);
+    std::lock_guard<std::mutex> const guard(registryMutex);
+    CacheMirror** link = &registry;
+    while (*link != nullptr && *link != this) {
+        link = &(*link)->next;
+    }
+    if (*link == this) {
+        *link = next;
     }
 }
 
-void CacheMirror::note(int result)
+// ---- Start ----
+
+int CacheMirror::allocate(nl_cache_mngr** manager, std::unique_ptr<CacheMirror>& mirror)
 {
+    mirror.reset(new (std::nothrow) CacheMirror);
+    int result = mirror != nullptr ? mirror->open() : -NLE_NOMEM;
+    result = result < 0 ? result : allocateManager(manager);
+    result = result < 0 ? result : mirror->attach(*manager);
     if (result < 0) {
-        lost = true;
+        if (*manager != nullptr) {
+            nl_cache_mngr_free(*manager);
+            *manager = nullptr;
+        }
+        mirror.reset();
     }
-    noteRemovals();
+    return result;
 }
 
-void CacheMirror::noteRemovals()
+int CacheMirror::open()
 {
-    if (!removalsSeen()) {
+    int const result = events.open();
+    return result < 0 ? result : reader.open();
+}
+
+int CacheMirror::attach(nl_cache_mngr* cacheManager)
+{
+    manager = cacheManager;
+    return events.adopt(nl_cache_mngr_get_fd(manager));
+}
+
+namespace {
+
+rtnl_addr* toAddress(nl_object* object) { return reinterpret_cast<rtnl_addr*>(object); }
+
+// Whether libnl has filled the cache with something else than the kernel's IPv4 routes: with route exceptions among
+// them, which RTM_F_CLONED marks, or with IPv6 routes (see addRouteCache), of which there
+// may have been none.
+bool needsReading(nl_cache* routes)
+{
+    nl_object* object = nl_cache_get_first(routes);
+    auto const isRoute = [](rtnl_route* route) {
+        return rtnl_route_get_family(route) == AF_INET && (rtnl_route_get_flags(route) & RTM_F_CLONED) == 0;
+    };
+    bool isFine = object != nullptr;
+    for (; object != nullptr && isFine; object = nl_cache_get_next(object)) {
+        isFine = isRoute(reinterpret_cast<rtnl_route*>(object));
+    }
+    return !isFine;
+}
+
+void dropOtherFamilies(nl_cache* addresses)
+{
+    nl_object* following = nullptr;
+    for (nl_object* object = nl_cache_get_first(addresses); object != nullptr; object = following) {
+        following = nl_cache_get_next(object);
+        if (rtnl_addr_get_family(toAddress(object)) != AF_INET) {
+            nl_cache_remove(object);
+        }
+    }
+}
+
+} // namespace
+
+// libnl takes route exceptions for routes. And when the kernel's addresses change during a dump, libnl asks for it
+// again without removing what it has added, so an address may stand in the cache twice.
+void CacheMirror::begin(Caches const& filled) noexcept
+{
+    caches = filled;
+    dirty.nexthopObjects = reader.hasNexthopObjects();
+    bool const done = fitsInMemory([&] {
+        dirty.routes = caches.route != nullptr && needsReading(caches.route);
+        if (caches.addr != nullptr) {
+            dropOtherFamilies(caches.addr);
+            dirty.addresses = holdsAddressTwice(caches.addr);
+        }
+        resync();
+    });
+    if (!done) {
+        noteOverrun();
+    }
+    std::lock_guard<std::mutex> const guard(registryMutex);
+    next = registry;
+    registry = this;
+}
+
+// ---- The event thread ----
+
+void CacheMirror::wake()
+{
+    std::lock_guard<std::mutex> const guard(busyMutex);
+    busy = true;
+}
+
+int CacheMirror::finish()
+{
+    {
+        std::lock_guard<std::mutex> const guard(busyMutex);
+        busy = false;
+    }
+    idle.notify_all();
+    return untilDue();
+}
+
+int CacheMirror::countObjects() const
+{
+    int count = 0;
+    for (nl_cache* const cache : {caches.link, caches.route, caches.addr}) {
+        count += cache != nullptr ? nl_cache_nitems(cache) : 0;
+    }
+    return count;
+}
+
+void CacheMirror::beginPass()
+{
+    expected = countObjects();
+    events.beginPass();
+}
+
+// libnl applies a changed object by removing the old one from the cache and adding the new one. When it has no memory
+// to add it, the object is missing from the cache, and neither the result nor a callback tells. So the objects are
+// counted: a number that the callbacks do not explain means that all tables must be read.
+void CacheMirror::endPass(int result)
+{
+    events.endPass();
+    if (result < 0 || countObjects() != expected) {
+        noteOverrun();
+    }
+}
+
+void CacheMirror::noteChange(nl_cache* cache, nl_object* object, int action) noexcept
+{
+    expected += action == NL_ACT_NEW ? 1 : (action == NL_ACT_DEL ? -1 : 0);
+    if (cache == caches.link) {
+        dirty.noteLink(reinterpret_cast<rtnl_link*>(object), action);
+    } else if (cache == caches.addr) {
+        dirty.noteAddress(toAddress(object), action);
+        if (action == NL_ACT_CHANGE && hasNeighbour(cache, toAddress(object))) { // it is the last one in the cache now
+            addressesInOrder = false;
+            dirty.addresses = true;
+        }
+    } else {
+        dirty.noteRoute(reinterpret_cast<rtnl_route*>(object), action);
+    }
+}
+
+void CacheMirror::takeNotices()
+{
+    EventSocket::Notices const notices = events.takeNotices();
+    if (notices.overrun) {
+        noteOverrun();
+    }
+    if (notices.nexthops) {
+        dirty.noteNexthopObjects();
+    }
+    for (int const link : notices.newQdiscs) {
+        dirty.links = !events.askForLink(link) || dirty.links;
+    }
+}
+
+namespace {
+
+std::chrono::nanoseconds processorTime()
+{
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+} // namespace
+
+// A socket that has overrun reports it once (ENOBUFS), and the kernel drops further notifications until the socket has
+// been read to its end. So the tables are read only after that: a change made before is in the answer, a later one is
+// notified. Notifications that are queued during the reading are applied afterwards, and lead to the same end.
+void CacheMirror::resync()
+{
+    takeNotices();
+    if (dirty.overrun && !events.isEmpty()) {
         return;
     }
-    lastRemoval = Clock::now();
-    if (!routesDoubtful) {
-        routesDoubtful = true;
-        next = std::max(next, lastRemoval + settling);
+    std::chrono::nanoseconds const start = processorTime();
+    if (dirty.areRoutesOfLinksDue(Clock::now())) { // first, since it costs little
+        bool const complete = resyncRoutesOfLinks();
+        dirty.noteRoutesOfLinksRead(processorTime() - start, Clock::now(), complete);
+    }
+    if (dirty.areTablesDue(Clock::now())) {
+        std::chrono::nanoseconds const middle = processorTime();
+        bool const complete = reader.waitForKernel() && resyncLinks() && resyncAddresses() && resyncRoutes();
+        dirty.noteTablesRead(processorTime() - middle, Clock::now(), complete);
     }
 }
 
-// Without the socket a removal cannot be ruled out.
-bool CacheMirror::removalsSeen()
+bool CacheMirror::resyncLinks()
 {
-    if (removals < 0) {
-        removals = openRemovals();
+    if (!dirty.links || caches.link == nullptr) {
         return true;
     }
-    bool seen = false;
-    char message = 0;
-    while (recv(removals, &message, sizeof message, 0) >= 0 || errno == ENOBUFS) {
-        seen = true;
-    }
-    return seen;
+    std::optional<Objects> fresh = reader.readLinks();
+    return fresh.has_value() && makeLinksEqual(caches.link, std::move(*fresh), reader);
 }
 
-int CacheMirror::mend()
+bool CacheMirror::resyncAddresses()
 {
-    if (!lost && !routesDoubtful) {
-        return -1;
+    if (!dirty.addresses || caches.addr == nullptr) {
+        return true;
     }
-    const auto start = Clock::now();
-    if (start >= next) {
-        const bool mended = lost ? reloadAll() : reconcileRoutes();
-        if (mended) {
-            lost = false;
-            routesDoubtful = lastRemoval + settling > start;
-        }
-        const auto end = Clock::now();
-        next = end + std::max<Clock::duration>(interval, end - start);
-        noteRemovals();
-    }
-    if (!lost && !routesDoubtful) {
-        return -1;
-    }
-    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
-    return std::max(0, static_cast<int>(wait.count()));
-}
-
-// A socket that has overrun reports it once, and drops notifications until it has been read empty: only what
-// is read from the kernel after that is safe from being missed.
-bool CacheMirror::reloadAll()
-{
-    if (!drain()) {
+    std::optional<Objects> fresh = reader.readIpv4Addresses();
+    if (!fresh.has_value() || !makeAddressesEqual(caches.addr, std::move(*fresh), reader)) {
         return false;
     }
-    for (nl_cache* const cache : {caches.link, caches.addr}) {
-        if (cache != nullptr && !reload(cache)) {
-            return false;
-        }
-    }
-    return reconcileRoutes() && applyQueued(); // not drain(): what is lost from here on is lost again
+    addressesInOrder = true;
+    return true;
 }
 
-// Makes the route cache the same as the kernel's routes. False when they could not be read.
-bool CacheMirror::reconcileRoutes()
+bool CacheMirror::resyncRoutes()
+{
+    if (!dirty.routes || caches.route == nullptr) {
+        return true;
+    }
+    std::optional<Objects> fresh = reader.readRoutes();
+    if (!fresh.has_value()) {
+        return false;
+    }
+    // A dump comes in pieces, and the kernel finds the next piece by counting routes: when one was removed meanwhile,
+    // it may skip another. A notification that is queued now may tell of that, so all routes are read once more.
+    dirty.routesAfterwards = !events.isEmpty();
+    auto several = makeRoutesEqual(caches.route, std::move(*fresh), reader);
+    dirty.severalRoutesKnown = several.has_value();
+    dirty.severalRoutes = std::move(several).value_or(std::vector<std::uint64_t>());
+    return dirty.severalRoutesKnown;
+}
+
+namespace {
+
+template <typename Function>
+void forEachHop(rtnl_route* route, Function function)
+{
+    for (int i = 0; i < rtnl_route_get_nnexthops(route); ++i) {
+        function(rtnl_route_nh_get_ifindex(rtnl_route_nexthop_n(route, i)));
+    }
+}
+
+} // namespace
+
+// Collects the cached routes that the kernel may have dropped silently, asks for the routes of the links that their
+// hops use, and removes those that the kernel does not have. Where that is not possible, all routes become dirty: with
+// too many links, a route without a hop, or a kernel that cannot dump the routes of one link.
+bool CacheMirror::resyncRoutesOfLinks()
 {
     if (caches.route == nullptr) {
         return true;
     }
-    const CachePtr fresh = readKernel(caches.route);
-    if (fresh == nullptr) {
-        return false;
-    }
-    const Difference difference = compare(caches.route, fresh.get());
-    bool complete = true;
-    forEachLocked(difference.stale, nl_cache_remove);
-    forEachLocked(difference.missing, [&](nl_object* object) { complete = move(object, caches.route) && complete; });
-    return complete;
-}
-
-// Applies what is queued. False when the queue had overrun.
-bool CacheMirror::applyQueued()
-{
-    const MyLock lock("nl_cache_mngr_data_ready");
-    return nl_cache_mngr_data_ready(manager) >= 0;
-}
-
-// Applies what is queued until nothing is lost. False when the queue overran again and again.
-bool CacheMirror::drain()
-{
-    constexpr int attempts = 100;
-    for (int attempt = 0; attempt < attempts; ++attempt) {
-        if (applyQueued()) {
-            return true;
+    std::vector<nl_object*> suspects;
+    NumberSet<int> links;
+    bool all = dirty.routesOverLinks.isOverflown() || dirty.routesFromAddresses.isOverflown();
+    nl_object* object = all ? nullptr : nl_cache_get_first(caches.route);
+    for (; object != nullptr; object = nl_cache_get_next(object)) {
+        auto* const route = reinterpret_cast<rtnl_route*>(object);
+        bool isSuspect = dirty.routesFromAddresses.contains(ipv4Bytes(rtnl_route_get_pref_src(route)));
+        forEachHop(route, [&](int link) { isSuspect = isSuspect || dirty.routesOverLinks.contains(link); });
+        if (isSuspect) {
+            suspects.push_back(object);
+            forEachHop(route, [&](int link) { links.insert(link); });
+            all = all || rtnl_route_get_nnexthops(route) == 0;
+            dirty.routes = dirty.routes || dirty.isOneOfSeveral(route);
         }
     }
-    return false;
+    if (suspects.empty() && !all) {
+        return true;
+    }
+    if (!reader.waitForKernel()) {
+        return false;
+    }
+    Objects fresh;
+    all = all || links.isOverflown();
+    for (int const link : all ? NumberSet<int>() : links) {
+        std::optional<Objects> routes = reader.readRoutesOf(link);
+        if (!routes.has_value()) {
+            all = true;
+            break;
+        }
+        std::move(routes->begin(), routes->end(), std::back_inserter(fresh));
+    }
+    if (all) {
+        dirty.routes = true;
+        return true;
+    }
+    return removeStaleRoutes(caches.route, suspects, std::move(fresh), reader);
+}
+
+// ---- The threads of the callers ----
+
+void CacheMirror::stop()
+{
+    reader.stop();
+    events.stop();
+}
+
+void CacheMirror::waitForEvents()
+{
+    constexpr std::chrono::milliseconds longest{100};
+    constexpr std::chrono::milliseconds look{1};
+    constexpr std::chrono::microseconds atFirst{200}; // mostly it takes less, and to be woken takes as long again
+    auto const start = Clock::now();
+    std::unique_lock<std::mutex> guard(busyMutex);
+    // In this order: a notification that is no longer queued is being applied (busy), or has been.
+    while (!events.isEmpty() || busy) {
+        auto const now = Clock::now();
+        if (now >= start + longest) {
+            return;
+        }
+        if (now < start + atFirst) {
+            guard.unlock();
+            sched_yield();
+            guard.lock();
+        } else {
+            idle.wait_until(guard, now + look);
+        }
+    }
 }
 
 } // namespace netlink_route

@@ -1,21 +1,30 @@
-// Keeps the caches true to the kernel where its notifications alone do not.
+// Keeps the caches of one manager true to the kernel where its notifications alone do not.
 #pragma once
 
+#include "CacheSync.h"
+#include "DirtyTables.h"
+#include "EventSocket.h"
+
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
 
 struct nl_cache;
 struct nl_cache_mngr;
+struct nl_object;
 
 namespace netlink_route {
 
-// Three things make a cache differ from the kernel for good: notifications that were lost because the event socket
-// overran; IPv4 routes that the kernel drops without a word when a link goes down or away, or an IPv4 address or a
-// nexthop object away; and two routes that differ in their next hops alone, of which libnl holds one, and none once
-// either was removed. All are mended by reading the kernel again and comparing.
+// All that the event thread needs beside libnl's cache manager. It belongs to the CacheManager, which releases it when
+// the thread has been joined; the thread finds it by its own argument, the cache manager.
 //
-// Used by the event thread alone: note() after each pass, mend() before it sleeps. The kernel is read rarely
-// (`interval`) and into a cache of its own, and the lock is held only while the outcome is applied, so that a
-// flapping link does not keep the queries waiting.
+// The caches are read again ("resync") when the notifications do not tell what happened (see DirtyTables). The lock is
+// held only while small slices of the outcome are applied.
 class CacheMirror {
 public:
     // Caches that the manager does not have are null.
@@ -25,39 +34,82 @@ public:
         nl_cache* addr = nullptr;
     };
 
-    CacheMirror(nl_cache_mngr* manager, Caches const& caches);
+    CacheMirror() = default;
     ~CacheMirror();
     CacheMirror(CacheMirror const&) = delete;
     CacheMirror& operator=(CacheMirror const&) = delete;
 
-    // Takes the result of a pass: negative when notifications were lost.
-    void note(int result);
+    // ---- Start, in this order, before the event thread runs ----
 
-    // Mends what is due. Returns the milliseconds after which it wants to be called again, -1 for never.
-    int mend();
+    // Allocates a cache manager, and its mirror with all sockets that it keeps. Returns libnl's result; without success
+    // there is neither.
+    static int allocate(nl_cache_mngr** manager, std::unique_ptr<CacheMirror>& mirror);
+
+    // Takes the caches, which libnl has filled, and corrects what libnl gets wrong there.
+    void begin(Caches const& filled) noexcept;
+
+    // ---- The event thread ----
+
+    // The mirror of a manager that runs.
+    static CacheMirror* of(nl_cache_mngr* cacheManager);
+
+    // The milliseconds after which the thread must wake by itself, -1: never.
+    int untilDue() const { return dirty.untilDue(Clock::now()); }
+
+    // The first and the last call after each poll: between them waitForEvents() waits. finish() returns untilDue().
+    void wake();
+    int finish();
+
+    // Before and after nl_cache_mngr_data_ready, whose result endPass() takes; and for each change that it applies.
+    void beginPass();
+    void endPass(int result);
+    void noteChange(nl_cache* cache, nl_object* object, int action) noexcept;
+
+    // Reads what may differ from the kernel, if it is time for that.
+    void resync();
+
+    // Notifications may be missing: every table may differ from the kernel.
+    void noteOverrun() { dirty.noteOverrun(); }
+
+    // ---- The threads of the callers ----
+
+    // Waits until the event thread has applied what is queued, for a tenth of a second at most. The kernel queues the
+    // notifications of a change before it acknowledges the request for it.
+    void waitForEvents();
+
+    // Whether the cache has the addresses of each link in the kernel's order.
+    bool areAddressesInOrder() const { return addressesInOrder; }
+
+    // Has the kernel tell how the link is, as if it had changed.
+    void askForLink(std::string const& name) const { events.askForLink(name); }
+
+    // Makes the pass or the reading of the moment end soon, so that the thread can be cancelled.
+    void stop();
 
 private:
-    using Clock = std::chrono::steady_clock;
+    using Clock = DirtyTables::Clock;
 
-    // The least time between two reads, and at least as long as the first of them took.
-    static constexpr std::chrono::milliseconds interval{300};
-    // The kernel notifies a removal first and drops the routes right after. By then it is done with both.
-    static constexpr std::chrono::milliseconds settling{100};
+    int countObjects() const;
+    int open();
+    int attach(nl_cache_mngr* cacheManager);
+    void takeNotices();
+    bool resyncLinks();
+    bool resyncAddresses();
+    bool resyncRoutes();
+    bool resyncRoutesOfLinks();
 
-    void noteRemovals();
-    bool removalsSeen();
-    bool reloadAll();
-    bool reconcileRoutes();
-    bool applyQueued();
-    bool drain();
-
-    nl_cache_mngr* manager;
+    nl_cache_mngr* manager = nullptr;
     Caches caches;
-    int removals; // a socket that receives only what may leave the route cache wrong; -1: could not be opened
-    bool lost = false;
-    bool routesDoubtful = true; // what went before the socket was there is unknown
-    Clock::time_point lastRemoval = Clock::now();
-    Clock::time_point next = lastRemoval + settling; // no read before
+    EventSocket events;
+    KernelReader reader;
+    DirtyTables dirty;
+    std::atomic<bool> addressesInOrder{true};
+    int expected = 0;            // objects in the caches: those before this pass, and what libnl has told since
+    CacheMirror* next = nullptr; // in the registry
+
+    std::mutex busyMutex;
+    std::condition_variable idle;
+    bool busy = false; // from wake() to finish()
 };
 
 } // namespace netlink_route

@@ -156,22 +156,21 @@ std::vector<Address> Interface::getIps() const { return ips; }
 
 bool Interface::addIp(Address const& ip, bool replace)
 {
-    const bool isIp = ip.getType() == Address::IPV4 || ip.getType() == Address::IPV6;
+    bool const isIp = ip.getType() == Address::IPV4 || ip.getType() == Address::IPV6;
     if (ip.getAddress().empty() || !isIp) {
         return false;
     }
     if (replace) {
-        ips = {ip};
-    } else {
-        ips.push_back(ip);
+        ips.clear();
     }
+    ips.push_back(ip);
     return true;
 }
 
 bool Interface::deleteIp(Address const& ip)
 {
-    const std::string text = ip.getAddress();
-    const auto found =
+    std::string const text = ip.getAddress();
+    auto const found =
         std::find_if(ips.begin(), ips.end(), [&](Address const& entry) { return entry.getAddress() == text; });
     if (found == ips.end()) {
         return false;
@@ -210,14 +209,16 @@ bool matches(unsigned int lhs, unsigned int rhs) { return lhs == 0 || rhs == 0 |
 
 bool matches(Address const& lhs, Address const& rhs)
 {
-    return lhs.getAddress().empty() || rhs.getAddress().empty() || lhs.getAddress() == rhs.getAddress();
+    std::string const left = lhs.getAddress();
+    std::string const right = rhs.getAddress();
+    return left.empty() || right.empty() || left == right;
 }
 
 } // namespace
 
 bool operator==(Interface const& lhs, Interface const& rhs)
 {
-    const bool sameIndex = lhs.getIndex() == 0 || rhs.getIndex() == 0 || lhs.getIndex() == rhs.getIndex();
+    bool const sameIndex = lhs.getIndex() == 0 || rhs.getIndex() == 0 || lhs.getIndex() == rhs.getIndex();
     return lhs.getName() == rhs.getName() && sameIndex && matches(lhs.getGroup(), rhs.getGroup()) &&
            matches(lhs.getMac(), rhs.getMac()) && matches(lhs.getBroadcast(), rhs.getBroadcast()) &&
            matches(lhs.getMtu(), rhs.getMtu()) && matches(lhs.getArpType(), rhs.getArpType());

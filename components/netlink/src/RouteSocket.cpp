@@ -15,7 +15,7 @@ RouteSocket::RouteSocket()
         TRACE_ERROR("socket is NULL!");
         return;
     }
-    const int result = nl_connect(sock, protocol);
+    int const result = nl_connect(sock, protocol);
     if (result != 0) {
         TRACE_ERROR("connect got error code %s", nl_geterror(-result));
     }

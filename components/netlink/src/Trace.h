@@ -18,19 +18,29 @@ extern TraceObject* g_traceObject;
 
 namespace netlink_route {
 
-// Reads the whole chain afresh, so that a new level counts from the next statement on. Relaxed loads are
-// plain loads that may race with the tracing library's stores.
+// Follows both pointers each time, so that a new level counts from the next statement on. Relaxed loads cost no more
+// than plain ones, and may happen while the tracing library stores.
 inline bool traceLevelReached(int level)
 {
     TraceObject* const object = __atomic_load_n(&g_traceObject, __ATOMIC_RELAXED);
     if (object == nullptr) {
         return false;
     }
-    const int* const current = __atomic_load_n(&object->level, __ATOMIC_RELAXED);
+    int const* const current = __atomic_load_n(&object->level, __ATOMIC_RELAXED);
     return current != nullptr && __atomic_load_n(current, __ATOMIC_RELAXED) >= level;
 }
 
 } // namespace netlink_route
+
+// The base name of the source file, a pointer into a literal. GCC has a macro for it from version 12 on.
+#ifdef __FILE_NAME__
+#define TRACE_FILE __FILE_NAME__
+#else
+#include <string_view>
+#include <type_traits>
+
+#define TRACE_FILE (&__FILE__[std::integral_constant<std::size_t, std::string_view(__FILE__).rfind('/') + 1>::value])
+#endif
 
 #define TRACE_ERROR(...) TRACE_STATEMENT(3, LOG_ERR, "[ERROR]", __VA_ARGS__)
 #define TRACE_INFO(...) TRACE_STATEMENT(6, LOG_INFO, "[INFO]", __VA_ARGS__)
@@ -47,11 +57,10 @@ inline bool traceLevelReached(int level)
 
 // A message with 0 to 3 arguments: C++17 has no other way to drop the comma before an empty list.
 #define TRACE_PICK(message, a, b, c, macro, ...) macro
-#define TRACE_0(priority, tag, message)                                                                                \
-    syslog(priority, tag " %s:%d (%s) - " message, __FILE_NAME__, __LINE__, __func__)
+#define TRACE_0(priority, tag, message) syslog(priority, tag " %s:%d (%s) - " message, TRACE_FILE, __LINE__, __func__)
 #define TRACE_1(priority, tag, message, a)                                                                             \
-    syslog(priority, tag " %s:%d (%s) - " message, __FILE_NAME__, __LINE__, __func__, a)
+    syslog(priority, tag " %s:%d (%s) - " message, TRACE_FILE, __LINE__, __func__, a)
 #define TRACE_2(priority, tag, message, a, b)                                                                          \
-    syslog(priority, tag " %s:%d (%s) - " message, __FILE_NAME__, __LINE__, __func__, a, b)
+    syslog(priority, tag " %s:%d (%s) - " message, TRACE_FILE, __LINE__, __func__, a, b)
 #define TRACE_3(priority, tag, message, a, b, c)                                                                       \
-    syslog(priority, tag " %s:%d (%s) - " message, __FILE_NAME__, __LINE__, __func__, a, b, c)
+    syslog(priority, tag " %s:%d (%s) - " message, TRACE_FILE, __LINE__, __func__, a, b, c)

@@ -3,25 +3,23 @@
 #include "Dump.h"
 #include "Trace.h"
 
-#include <locale>
-#include <sstream>
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
 #include <utility>
 
 namespace netlink_route {
 
 namespace {
 
-// Reads a number as formatted input does: leading blanks are skipped, what follows the digits is ignored, and
-// a number that does not fit gives the nearest bound.
+// Leading blanks are skipped, what follows the digits is ignored, and a number that does not fit gives the nearest
+// bound.
 int parseVlanIndex(std::string const& name)
 {
-    const auto dot = name.find('.');
-    const auto begin = dot == std::string::npos ? 0 : dot + 1;
-    std::istringstream field(name.substr(begin, name.find('.', begin) - begin));
-    field.imbue(std::locale::classic());
-    int index = 0;
-    field >> index;
-    return index;
+    auto const dot = name.find('.');
+    auto const begin = dot == std::string::npos ? 0 : dot + 1;
+    long const number = std::strtol(name.c_str() + begin, nullptr, 10);
+    return static_cast<int>(std::clamp<long>(number, INT_MIN, INT_MAX));
 }
 
 } // namespace
@@ -47,15 +45,15 @@ std::string Vlan::toString() const
 
 bool operator==(Vlan const& lhs, Vlan const& rhs)
 {
-    const bool sameInterface = static_cast<Interface const&>(lhs) == static_cast<Interface const&>(rhs);
+    bool const sameInterface = static_cast<Interface const&>(lhs) == static_cast<Interface const&>(rhs);
     TRACE_DEBUG2("compare lhs: %s", lhs.toString().c_str());
     TRACE_DEBUG2("compare rhs: %s", rhs.toString().c_str());
     TRACE_DEBUG2("vlan is interface wise the same : %s", sameInterface ? "yes" : "no");
     if (!sameInterface) {
         return false;
     }
-    const int left = lhs.getVlanIndex();
-    const int right = rhs.getVlanIndex();
+    int const left = lhs.getVlanIndex();
+    int const right = rhs.getVlanIndex();
     return left == 0 || right == 0 || left == right;
 }
 

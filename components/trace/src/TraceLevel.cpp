@@ -14,11 +14,11 @@ namespace {
 
 int levelFromEnvironment()
 {
-    const char* const text = std::getenv("TRACE_LEVEL");
-    const std::string_view digits = text != nullptr ? text : "";
+    char const* const text = std::getenv("TRACE_LEVEL");
+    std::string_view const digits = text != nullptr ? text : "";
     int level = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), level);
-    const bool valid = error == std::errc() && end == digits.data() + digits.size();
+    auto const [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), level);
+    bool const valid = error == std::errc() && end == digits.data() + digits.size();
     return valid ? level : 0;
 }
 

@@ -1,0 +1,71 @@
+// The sockets on which the kernel's notifications arrive, and how a pass of libnl over them is ended early.
+#pragma once
+
+#include "Export.h"
+
+#include <string>
+#include <vector>
+
+namespace netlink_route {
+
+// The event socket of libnl's cache manager, and what the cache manager has no function for.
+//
+// A pass is one call of nl_cache_mngr_data_ready. It reads until the socket is empty, which in a flood it never is, and
+// the lock is held for as long. So a query that waits puts an empty socket under the event socket's descriptor: libnl
+// finds nothing more, and returns. A duplicate keeps the event socket open meanwhile, and serves all other uses.
+//
+// Threading: isEmpty(), askForLink(), endRunningPass() and stop() may be called by any thread, the rest by the event
+// thread.
+// Every socket is open from open() and adopt() until destruction.
+class EventSocket {
+public:
+    EventSocket() = default;
+    ~EventSocket();
+    EventSocket(EventSocket const&) = delete;
+    EventSocket& operator=(EventSocket const&) = delete;
+
+    // Opens the sockets that libnl does not need. Returns libnl's result.
+    int open();
+
+    // Takes the descriptor of libnl's event socket, before the caches join their groups: enlarges its buffer, attaches
+    // the filter and joins the groups that libnl does not. Returns libnl's result.
+    int adopt(int libnlDescriptor);
+
+    // Whether no notification waits.
+    bool isEmpty() const;
+
+    // Before and after each nl_cache_mngr_data_ready.
+    void beginPass();
+    void endPass();
+
+    // Ends the pass that is running in this process, if any.
+    static void endRunningPass();
+
+    // Ends the pass of this socket, if it is running, and every later one.
+    void stop();
+
+    // Asks the kernel for a link. The answer is queued like a notification before this returns, and the caches take it
+    // as one: the kernel notifies nobody of some changes. False: it could not be asked.
+    void askForLink(std::string const& name) const;
+    bool askForLink(int index) const;
+
+    // Reads the notifications of what libnl has no cache for: what happened since the last call.
+    struct Notices {
+        bool overrun = false;
+        bool nexthops = false;      // a nexthop object was made, changed or deleted
+        std::vector<int> newQdiscs; // indices of the links whose queueing discipline changed
+    };
+    Notices takeNotices();
+
+private:
+    void replace();
+
+    int slot = -1;    // libnl's descriptor: the event socket, or the empty one while a pass is being ended
+    int events = -1;  // the event socket
+    int empty = -1;   // receives nothing, ever
+    int notices = -1; // receives what libnl has no cache for
+    bool replaced = false;
+    bool stopped = false;
+};
+
+} // namespace netlink_route

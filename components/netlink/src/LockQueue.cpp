@@ -1,0 +1,56 @@
+#include "LockQueue.h"
+
+#include "EventSocket.h"
+#include "MyLock.h"
+
+#include <atomic>
+#include <ctime>
+#include <unistd.h>
+
+namespace netlink_route {
+
+namespace {
+
+// How many threads have had to wait so far, and how many of them have had their turn.
+std::atomic<unsigned int> arrived{0};
+std::atomic<unsigned int> served{0};
+
+// Long enough for an ordinary pass to end by itself.
+timespec inHalfAMillisecond()
+{
+    constexpr long second = 1000000000; // in nanoseconds
+    timespec time{};
+    clock_gettime(CLOCK_REALTIME, &time);
+    time.tv_nsec += second / 2000;
+    if (time.tv_nsec >= second) {
+        time.tv_nsec -= second;
+        ++time.tv_sec;
+    }
+    return time;
+}
+
+} // namespace
+
+void lockMutexMan()
+{
+    if (pthread_mutex_trylock(&mutex_man) == 0) {
+        return;
+    }
+    ++arrived;
+    timespec deadline = inHalfAMillisecond();
+    while (pthread_mutex_timedlock(&mutex_man, &deadline) != 0) { // again: another pass may have begun meanwhile
+        EventSocket::endRunningPass();
+        deadline = inHalfAMillisecond();
+    }
+    ++served;
+}
+
+void letWaitersGo()
+{
+    unsigned int const before = arrived;
+    for (int i = 0; i < 100 && static_cast<int>(served - before) < 0; ++i) {
+        usleep(50);
+    }
+}
+
+} // namespace netlink_route

@@ -1,0 +1,6 @@
+// A header of the program's own.
+#pragma once
+
+struct Interface {
+    char const* name;
+};
