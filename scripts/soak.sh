@@ -1,22 +1,22 @@
 #!/usr/bin/env bash
-# Loads the library for a while: threads that query and update, and `ip` that changes links, addresses, routes and
-# VLANs, in a network namespace made for it. Every few seconds it compares the caches with the kernel; it watches
-# memory and descriptors, and fails if anything differs for more than a second or grows.
+# Loads the library for a while: threads that query and update, and `ip` that changes links, addresses, routes,
+# nexthop objects and VLANs, in a network namespace made for it. Every few seconds it compares the manager's answers
+# with the kernel's and with those of a new manager; it watches memory and descriptors, and fails if anything differs
+# for more than a second or grows.
 #
-#     scripts/soak.sh SECONDS [--uml]    --uml: on the user-mode kernel, which has VLANs
+#     [SOAK_SEED=NUMBER] scripts/soak.sh SECONDS [--uml]    --uml: on the user-mode kernel, with VLANs and a bond
 #
-# It installs the Debian packages that are missing and builds build/release. Needs root.
+# It installs the Debian packages that are missing, which needs root, and builds build/release.
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+# shellcheck source-path=SCRIPTDIR source=uml.sh
+source "$project/scripts/uml.sh"
 
-[[ ${1:-} =~ ^[1-9][0-9]*$ && ($# -eq 1 || ($# -eq 2 && $2 == --uml)) ]] || {
-    sed -n '2,/^set /s/^# \{0,1\}//p' "${BASH_SOURCE[0]}" >&2
-    exit 2
-}
-require_root
+[[ ${1:-} =~ ^[1-9][0-9]*$ && ($# -eq 1 || ($# -eq 2 && $2 == --uml)) ]] || usage
 install_missing "${build_packages[@]}" "${kernel_packages[@]}"
+require_namespaces
 build release netlink_route_soak
 runner=confined
 [[ ${2:-} != --uml ]] || runner=run_in_uml
-"$runner" "$(($1 + 60))" env SOAK_SECONDS="$1" build/release/bench/netlink_route_soak
+"$runner" "$(($1 + 60))" env SOAK_SECONDS="$1" SOAK_SEED="${SOAK_SEED:-1}" build/release/bench/netlink_route_soak
