@@ -2,6 +2,7 @@
 
 #include "CacheSearch.h"
 #include "CacheSetup.h"
+#include "LockQueue.h"
 #include "Memory.h"
 #include "NetlinkPtr.h"
 
@@ -164,6 +165,7 @@ int CacheMirror::countObjects() const
 
 void CacheMirror::beginPass()
 {
+    changes = 0;
     expected = countObjects();
     events.beginPass();
 }
@@ -181,6 +183,9 @@ void CacheMirror::endPass(int result)
 
 void CacheMirror::noteChange(nl_cache* cache, nl_object* object, int action) noexcept
 {
+    if (++changes >= objectsAtOnce && hasWaiters()) { // in a flood of notifications the pass would not end
+        EventSocket::endRunningPass();
+    }
     expected += action == NL_ACT_NEW ? 1 : (action == NL_ACT_DEL ? -1 : 0);
     if (cache == caches.link) {
         dirty.noteLink(reinterpret_cast<rtnl_link*>(object), action);

@@ -104,6 +104,7 @@ private:
     KernelReader reader;
     DirtyTables dirty;
     std::atomic<bool> addressesInOrder{true};
+    int changes = 0;             // that libnl has told of in this pass
     int expected = 0;            // objects in the caches: those before this pass, and what libnl has told since
     CacheMirror* next = nullptr; // in the registry
 

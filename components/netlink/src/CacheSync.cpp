@@ -273,10 +273,9 @@ std::vector<Change> compare(std::vector<nl_object*> const& held, std::vector<Fre
 // under the lock, since libnl's reference counts are plain integers.
 bool apply(nl_cache* cache, std::vector<Change> changes, KernelReader const& reader)
 {
-    constexpr std::ptrdiff_t slice = 32;
     bool complete = true;
     for (auto begin = changes.begin(); begin != changes.end() && !reader.isStopped();) {
-        auto const end = begin + std::min(slice, changes.end() - begin);
+        auto const end = begin + std::min<std::ptrdiff_t>(objectsAtOnce, changes.end() - begin);
         letWaitersGo();
         MyLock const lock("CacheSync");
         for (; begin != end; ++begin) {

@@ -11,8 +11,8 @@ namespace netlink_route {
 // The event socket of libnl's cache manager, and what the cache manager has no function for.
 //
 // A pass is one call of nl_cache_mngr_data_ready. It reads until the socket is empty, which in a flood it never is, and
-// the lock is held for as long. So a query that waits puts an empty socket under the event socket's descriptor: libnl
-// finds nothing more, and returns. A duplicate keeps the event socket open meanwhile, and serves all other uses.
+// the lock is held for as long. So for a query that waits, an empty socket is put under the event socket's descriptor:
+// libnl finds nothing more, and returns. A duplicate keeps the event socket open meanwhile, and serves all other uses.
 //
 // Threading: isEmpty(), askForLink(), endRunningPass() and stop() may be called by any thread, the rest by the event
 // thread.

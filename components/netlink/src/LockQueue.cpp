@@ -16,12 +16,12 @@ std::atomic<unsigned int> arrived{0};
 std::atomic<unsigned int> served{0};
 
 // Long enough for an ordinary pass to end by itself.
-timespec inHalfAMillisecond()
+timespec inAMillisecond()
 {
     constexpr long second = 1000000000; // in nanoseconds
     timespec time{};
     clock_gettime(CLOCK_REALTIME, &time);
-    time.tv_nsec += second / 2000;
+    time.tv_nsec += second / 1000;
     if (time.tv_nsec >= second) {
         time.tv_nsec -= second;
         ++time.tv_sec;
@@ -37,13 +37,15 @@ void lockMutexMan()
         return;
     }
     ++arrived;
-    timespec deadline = inHalfAMillisecond();
+    timespec deadline = inAMillisecond();
     while (pthread_mutex_timedlock(&mutex_man, &deadline) != 0) { // again: another pass may have begun meanwhile
         EventSocket::endRunningPass();
-        deadline = inHalfAMillisecond();
+        deadline = inAMillisecond();
     }
     ++served;
 }
+
+bool hasWaiters() { return arrived != served; }
 
 void letWaitersGo()
 {

@@ -3,9 +3,16 @@
 
 namespace netlink_route {
 
-// Locks mutex_man. A thread that has waited for half a millisecond ends the pass of libnl that is running, and does so
-// again after each further half: in a flood of notifications a pass would hold the lock for as long as the flood lasts.
+// How many objects an event thread changes, in a fraction of a millisecond, before it looks whether somebody waits.
+constexpr int objectsAtOnce = 32;
+
+// Locks mutex_man. In a flood of notifications a pass of libnl would hold it for as long as the flood lasts, so the
+// event thread ends its pass for those who wait. It learns of changes alone: a thread that has waited for a
+// millisecond, perhaps for notifications that change nothing, ends the pass itself, and again after one more.
 void lockMutexMan();
+
+// Whether a thread waits in lockMutexMan().
+bool hasWaiters();
 
 // Called by an event thread before it locks again: waits, a few milliseconds at most, until those who wait now have had
 // the lock. Without this it would mostly get the lock again itself, since it runs already when it releases it.
