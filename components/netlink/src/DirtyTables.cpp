@@ -12,9 +12,9 @@ namespace netlink_route {
 void DirtyTables::noteLink(rtnl_link* link, int action)
 {
     unsigned int const flags = rtnl_link_get_flags(link);
-    bool const isNewAndUnused = action == NL_ACT_NEW;
+    bool const hasRoutes = action != NL_ACT_NEW;
     bool const lostCarrier = nexthopObjects && (flags & IFF_RUNNING) == 0;
-    if (!isNewAndUnused && (action == NL_ACT_DEL || (flags & IFF_UP) == 0 || lostCarrier)) {
+    if (hasRoutes && ((flags & IFF_UP) == 0 || lostCarrier)) { // a link that goes away is notified as down
         routesOverLinks.insert(rtnl_link_get_ifindex(link));
     }
 }
