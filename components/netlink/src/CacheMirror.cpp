@@ -119,7 +119,6 @@ void dropOtherFamilies(nl_cache* addresses)
 void CacheMirror::begin(Caches const& filled) noexcept
 {
     caches = filled;
-    dirty.nexthopObjects = reader.hasNexthopObjects();
     bool const done = fitsInMemory([&] {
         dirty.routes = caches.route != nullptr && needsReading(caches.route);
         if (caches.addr != nullptr) {
@@ -280,6 +279,7 @@ bool CacheMirror::resyncRoutes()
     // A dump comes in pieces, and the kernel finds the next piece by counting routes: when one was removed meanwhile,
     // it may skip another. A notification that is queued now may tell of that, so all routes are read once more.
     dirty.routesAfterwards = !events.isEmpty();
+    dirty.nexthopObjects = reader.mayHaveNexthopObjects();
     auto several = makeRoutesEqual(caches.route, std::move(*fresh), reader);
     dirty.severalRoutesKnown = several.has_value();
     dirty.severalRoutes = std::move(several).value_or(std::vector<std::uint64_t>());

@@ -152,24 +152,24 @@ std::optional<Objects> KernelReader::readRoutesOf(int link)
     return strict ? dump(RTM_GETROUTE, &body, sizeof body) : std::nullopt;
 }
 
-bool KernelReader::hasNexthopObjects()
+bool KernelReader::mayHaveNexthopObjects()
 {
     // struct nhmsg, all zero: any. libnl has no objects for them, so the messages are counted.
     std::array<char, 8> body{};
     int count = 0;
-    if (!connected || nl_send_simple(socket.get(), getNexthop, NLM_F_DUMP, body.data(), body.size()) < 0) {
-        return false;
-    }
     auto const countMessage = [](nl_msg* /*message*/, void* argument) -> int {
         ++*static_cast<int*>(argument);
         return NL_OK;
     };
     nl_socket_modify_cb(socket.get(), NL_CB_VALID, NL_CB_CUSTOM, countMessage, &count);
-    if (nl_recvmsgs_default(socket.get()) < 0) { // a kernel that does not know the request
+    int result = connected ? 0 : connect();
+    result = result < 0 ? result : nl_send_simple(socket.get(), getNexthop, NLM_F_DUMP, body.data(), body.size());
+    result = result < 0 ? result : nl_recvmsgs_default(socket.get());
+    if (result < 0) {
         nl_close(socket.get());
         connected = false;
     }
-    return count > 0;
+    return count > 0 || (result < 0 && result != -NLE_OPNOTSUPP); // before Linux 5.3 there are none
 }
 
 bool KernelReader::waitForKernel()

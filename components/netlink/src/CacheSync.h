@@ -37,7 +37,8 @@ public:
     // choose (before Linux 4.20).
     std::optional<Objects> readRoutesOf(int link);
 
-    bool hasNexthopObjects();
+    // Whether the kernel has nexthop objects, or fails to tell.
+    bool mayHaveNexthopObjects();
 
     // Returns when the kernel has finished the change of its configuration that is in progress: it drops routes
     // silently, a moment after the notification of what made it drop them.

@@ -96,7 +96,7 @@ public:
     bool routes = false;
     NumberSet<int> routesOverLinks;               // the routes with a hop on one of these links
     NumberSet<std::uint32_t> routesFromAddresses; // the routes with one of these as preferred source
-    bool nexthopObjects = false;                  // the kernel has or had some
+    bool nexthopObjects = true;                   // the kernel has some, or may have
     std::vector<std::uint64_t> severalRoutes;     // keys, sorted, of which the kernel holds several routes
     bool severalRoutesKnown = false;              // whether all routes were read once: libnl's cache does not show it
     bool routesAfterwards = false;                // all routes are dirty again when the reading in progress is done

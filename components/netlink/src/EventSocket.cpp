@@ -43,7 +43,7 @@ void joinGroups(int descriptor)
     }
 }
 
-// libnl's receive buffer of 32 KiB overruns when a few hundred links are created at once. The number is a limit: the
+// libnl's receive buffer of 32 KiB overruns when 1,000 links are created at once. The number is a limit: the
 // kernel uses memory only for the notifications that wait.
 void enlargeReceiveBuffer(int descriptor)
 {
@@ -95,12 +95,12 @@ int EventSocket::adopt(int libnlDescriptor)
     slot = libnlDescriptor;
     events = fcntl(slot, F_DUPFD_CLOEXEC, 0);
     enlargeReceiveBuffer(slot);
-    attachFilter(slot);
+    attachEventFilter(slot);
     joinGroups(slot);
     // Both sockets are in these groups. Here the event socket only wakes the event thread (libnl ignores the messages),
     // and takeNotices() reads them from `notices`. So they must be there first, and they are when `notices` joins last:
     // the kernel serves the member of a group that joined last before the others.
-    attachFilter(notices);
+    attachNoticesFilter(notices);
     joinGroups(notices);
     return resultOf(events >= 0);
 }

@@ -67,14 +67,32 @@ unsigned int loaded(unsigned short type) { return htons(type); }
 
 } // namespace
 
-void attachFilter(int descriptor)
+namespace {
+
+// Leaves the type loaded for what follows.
+void keepNotices(Program& program)
 {
-    Program program;
     program.loadType();
     for (unsigned short const type : {static_cast<unsigned short>(RTM_NEWQDISC),
                                       static_cast<unsigned short>(RTM_DELQDISC), newNexthop, delNexthop}) {
         program.onlyFor(loaded(type), [&] { program.keep(); });
     }
+}
+
+} // namespace
+
+void attachNoticesFilter(int descriptor)
+{
+    Program program;
+    keepNotices(program);
+    program.drop();
+    program.attach(descriptor);
+}
+
+void attachEventFilter(int descriptor)
+{
+    Program program;
+    keepNotices(program);
     program.onlyFor(loaded(RTM_NEWLINK), [&] {
         program.loadLinkAttribute(IFLA_WIRELESS);
         program.onlyFor(0, [&] { program.loadType(); });

@@ -12,6 +12,9 @@ namespace netlink_route {
 //   IPv6 routes and addresses, which no query can ask for;
 //   errors, such as the answer that a link asked for is gone: libnl would end the pass with it, as with an overrun.
 // When the kernel does not take the filter, the socket works, and receives these, too.
-void attachFilter(int descriptor);
+void attachEventFilter(int descriptor);
+
+// The same for a socket of which nothing but queueing disciplines and nexthop objects is wanted.
+void attachNoticesFilter(int descriptor);
 
 } // namespace netlink_route
