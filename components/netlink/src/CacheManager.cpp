@@ -187,6 +187,7 @@ void* CacheManager::cacheThread(void* arg)
         TRACE_DEBUG3("got %d messages from netlink route event socket", n);
         if (n < 0) {
             TRACE_ERROR("got %d error when trying to poll!", n);
+            wait = mirror.untilDue();
             continue;
         }
         wait = handleWakeUp(manager, mirror, n > 0);

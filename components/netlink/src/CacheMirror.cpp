@@ -120,7 +120,9 @@ void CacheMirror::begin(Caches const& filled) noexcept
 {
     caches = filled;
     bool const done = fitsInMemory([&] {
-        dirty.routes = caches.route != nullptr && needsReading(caches.route);
+        // A notification waits already: of an address, perhaps, that went between the fillings of the two caches, and
+        // of whose other routes the kernel tells nobody.
+        dirty.routes = caches.route != nullptr && (needsReading(caches.route) || !events.isEmpty());
         if (caches.addr != nullptr) {
             dropOtherFamilies(caches.addr);
             dirty.addresses = holdsAddressTwice(caches.addr);
@@ -245,13 +247,16 @@ void CacheMirror::resync()
     }
 }
 
+// What a reading shows first, no callback tells afterwards. So with a link that went down or an address that went away,
+// the routes become dirty, too.
 bool CacheMirror::resyncLinks()
 {
     if (!dirty.links || caches.link == nullptr) {
         return true;
     }
     std::optional<Objects> fresh = reader.readLinks();
-    return fresh.has_value() && makeLinksEqual(caches.link, std::move(*fresh), reader);
+    dirty.routes = true;
+    return fresh.has_value() && makeLinksEqual(caches.link, std::move(*fresh), reader).complete;
 }
 
 bool CacheMirror::resyncAddresses()
@@ -260,11 +265,17 @@ bool CacheMirror::resyncAddresses()
         return true;
     }
     std::optional<Objects> fresh = reader.readIpv4Addresses();
-    if (!fresh.has_value() || !makeAddressesEqual(caches.addr, std::move(*fresh), reader)) {
+    if (!fresh.has_value()) {
         return false;
     }
-    addressesInOrder = true;
-    return true;
+    // A notification that is queued now may be of an address as the reading shows it. libnl then moves the address to
+    // the end of its cache, and tells nobody, since nothing else changes. So the addresses are read once more.
+    dirty.addressesAfterwards = !events.isEmpty();
+    addressesInOrder = false;
+    Applied const applied = makeAddressesEqual(caches.addr, std::move(*fresh), reader);
+    dirty.routes = dirty.routes || applied.removed;
+    addressesInOrder = applied.complete && !dirty.addressesAfterwards;
+    return applied.complete;
 }
 
 bool CacheMirror::resyncRoutes()
@@ -341,7 +352,7 @@ bool CacheMirror::resyncRoutesOfLinks()
         dirty.routes = true;
         return true;
     }
-    return removeStaleRoutes(caches.route, suspects, std::move(fresh), reader);
+    return removeStaleRoutes(caches.route, suspects, std::move(fresh), reader).complete;
 }
 
 // ---- The threads of the callers ----

@@ -1,6 +1,7 @@
 #include "CacheSetup.h"
 
 #include "EventSocket.h"
+#include "LockQueue.h"
 
 #include <cerrno>
 #include <initializer_list>
@@ -47,8 +48,11 @@ namespace {
 int tryToAdd(nl_cache_mngr* manager, nl_cache* cache, change_func_t callback, void* data)
 {
     pthread_mutex_lock(&turnstile);
-    EventSocket::endRunningPass();
-    pthread_rwlock_wrlock(&provision);
+    timespec deadline{};
+    do { // again: a pass may have been about to begin
+        EventSocket::endRunningPass();
+        deadline = inAMillisecond();
+    } while (pthread_rwlock_timedwrlock(&provision, &deadline) != 0);
     int const result = nl_cache_mngr_add_cache(manager, cache, callback, data);
     nl_cache_mngt_unprovide(cache);
     pthread_rwlock_unlock(&provision);

@@ -165,11 +165,12 @@ bool KernelReader::mayHaveNexthopObjects()
     int result = connected ? 0 : connect();
     result = result < 0 ? result : nl_send_simple(socket.get(), getNexthop, NLM_F_DUMP, body.data(), body.size());
     result = result < 0 ? result : nl_recvmsgs_default(socket.get());
-    if (result < 0) {
+    bool const failed = result < 0 && result != -NLE_OPNOTSUPP; // before Linux 5.3 there are none
+    if (failed) {
         nl_close(socket.get());
         connected = false;
     }
-    return count > 0 || (result < 0 && result != -NLE_OPNOTSUPP); // before Linux 5.3 there are none
+    return count > 0 || failed;
 }
 
 bool KernelReader::waitForKernel()
@@ -271,9 +272,9 @@ std::vector<Change> compare(std::vector<nl_object*> const& held, std::vector<Fre
 
 // In slices, between which others get the lock. This thread also drops its references to what it has put into the cache
 // under the lock, since libnl's reference counts are plain integers.
-bool apply(nl_cache* cache, std::vector<Change> changes, KernelReader const& reader)
+Applied apply(nl_cache* cache, std::vector<Change> changes, KernelReader const& reader)
 {
-    bool complete = true;
+    Applied result;
     for (auto begin = changes.begin(); begin != changes.end() && !reader.isStopped();) {
         auto const end = begin + std::min<std::ptrdiff_t>(objectsAtOnce, changes.end() - begin);
         letWaitersGo();
@@ -281,17 +282,19 @@ bool apply(nl_cache* cache, std::vector<Change> changes, KernelReader const& rea
         for (; begin != end; ++begin) {
             if (begin->stale != nullptr) {
                 nl_cache_remove(begin->stale);
+                result.removed = result.removed || begin->fresh == nullptr;
             }
             if (begin->fresh != nullptr) {
-                complete = nl_cache_move(cache, begin->fresh.get()) == 0 && complete;
+                result.complete = nl_cache_move(cache, begin->fresh.get()) == 0 && result.complete;
                 begin->fresh.reset();
             }
         }
     }
-    return complete && !reader.isStopped();
+    result.complete = result.complete && !reader.isStopped();
+    return result;
 }
 
-bool makeEqual(nl_cache* cache, std::vector<Fresh> fresh, KernelReader const& reader, Key key)
+Applied makeEqual(nl_cache* cache, std::vector<Fresh> fresh, KernelReader const& reader, Key key)
 {
     std::vector<Change> changes = compare(objectsOf(cache), fresh, key);
     for (Fresh& candidate : fresh) {
@@ -325,12 +328,12 @@ std::uint64_t routeKey(rtnl_route* route)
     return key;
 }
 
-bool makeLinksEqual(nl_cache* cache, Objects fresh, KernelReader const& reader)
+Applied makeLinksEqual(nl_cache* cache, Objects fresh, KernelReader const& reader)
 {
     return makeEqual(cache, sortByKey(std::move(fresh), linkKey), reader, linkKey);
 }
 
-bool makeAddressesEqual(nl_cache* cache, Objects fresh, KernelReader const& reader)
+Applied makeAddressesEqual(nl_cache* cache, Objects fresh, KernelReader const& reader)
 {
     std::vector<std::pair<std::uint64_t, nl_object*>> held;
     for (nl_object* const object : objectsOf(cache)) {
@@ -363,14 +366,14 @@ std::optional<std::vector<std::uint64_t>> makeRoutesEqual(nl_cache* cache, Objec
             duplicates.push_back(route.key);
         }
     }
-    if (!makeEqual(cache, std::move(sorted), reader, keyOfRoute)) {
+    if (!makeEqual(cache, std::move(sorted), reader, keyOfRoute).complete) {
         return std::nullopt;
     }
     return duplicates;
 }
 
-bool removeStaleRoutes(nl_cache* cache, std::vector<nl_object*> const& routes, Objects fresh,
-                       KernelReader const& reader)
+Applied removeStaleRoutes(nl_cache* cache, std::vector<nl_object*> const& routes, Objects fresh,
+                          KernelReader const& reader)
 {
     std::vector<Fresh> sorted = sortByKey(std::move(fresh), keyOfRoute);
     return apply(cache, compare(routes, sorted, keyOfRoute), reader);

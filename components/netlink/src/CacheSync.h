@@ -33,8 +33,8 @@ public:
     // All IPv4 routes. Route exceptions, such as a learnt path MTU, are no routes, and are left out.
     std::optional<Objects> readRoutes();
 
-    // The IPv4 routes with a hop on that link: none when the link is gone. Nothing, too, when the kernel is too old to
-    // choose (before Linux 4.20).
+    // The IPv4 routes with a hop on that link: an empty list when the link is gone. std::nullopt, as on failure, when
+    // the kernel is too old to choose (before Linux 4.20).
     std::optional<Objects> readRoutesOf(int link);
 
     // Whether the kernel has nexthop objects, or fails to tell.
@@ -64,18 +64,22 @@ std::uint32_t ipv4Bytes(nl_addr* address);
 
 // The next four change the cache to what was read, in slices, so that no query waits long. The caller is the event
 // thread, which alone changes the cache; it must not hold mutex_man, which they lock. On failure, a part may be done.
-bool makeLinksEqual(nl_cache* cache, Objects fresh, KernelReader const& reader);
+struct Applied {
+    bool complete = true;
+    bool removed = false; // an object went that no other one replaced
+};
+Applied makeLinksEqual(nl_cache* cache, Objects fresh, KernelReader const& reader);
 
-// The cache then has the kernel's order, too.
-bool makeAddressesEqual(nl_cache* cache, Objects fresh, KernelReader const& reader);
+// The cache then has the kernel's order, too; not so meanwhile.
+Applied makeAddressesEqual(nl_cache* cache, Objects fresh, KernelReader const& reader);
 
 // The result has the keys of the routes, sorted, of which the kernel holds several and the cache the first.
 std::optional<std::vector<std::uint64_t>> makeRoutesEqual(nl_cache* cache, Objects fresh, KernelReader const& reader);
 
 // Removes those of the given routes of the cache that are not among the fresh ones, and replaces those that differ.
 // Adds none.
-bool removeStaleRoutes(nl_cache* cache, std::vector<nl_object*> const& routes, Objects fresh,
-                       KernelReader const& reader);
+Applied removeStaleRoutes(nl_cache* cache, std::vector<nl_object*> const& routes, Objects fresh,
+                          KernelReader const& reader);
 
 // Whether an address stands in the cache twice.
 bool holdsAddressTwice(nl_cache* cache);

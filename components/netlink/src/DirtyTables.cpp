@@ -6,6 +6,7 @@
 #include <linux/if.h>
 #include <netlink/cache.h>
 #include <sys/socket.h>
+#include <utility>
 
 namespace netlink_route {
 
@@ -69,9 +70,9 @@ void DirtyTables::noteTablesRead(std::chrono::nanoseconds cost, Clock::time_poin
 {
     nextTables = pauseAfter(cost, end, complete);
     if (complete) {
-        overrun = links = addresses = false;
-        routes = routesAfterwards;
-        routesAfterwards = false;
+        overrun = links = false;
+        addresses = std::exchange(addressesAfterwards, false);
+        routes = std::exchange(routesAfterwards, false);
     }
 }
 

@@ -99,7 +99,8 @@ public:
     bool nexthopObjects = true;                   // the kernel has some, or may have
     std::vector<std::uint64_t> severalRoutes;     // keys, sorted, of which the kernel holds several routes
     bool severalRoutesKnown = false;              // whether all routes were read once: libnl's cache does not show it
-    bool routesAfterwards = false;                // all routes are dirty again when the reading in progress is done
+    bool addressesAfterwards = false;             // the addresses are dirty again when the reading in progress is done
+    bool routesAfterwards = false;                // the same of all routes
 
 private:
     bool tables() const { return links || addresses || routes; }

@@ -49,7 +49,7 @@ public:
     void askForLink(std::string const& name) const;
     bool askForLink(int index) const;
 
-    // Reads the notifications of what libnl has no cache for: what happened since the last call.
+    // Reads the notifications of what none of the three caches holds: what happened since the last call.
     struct Notices {
         bool overrun = false;
         bool nexthops = false;      // a nexthop object was made, changed or deleted
@@ -63,7 +63,7 @@ private:
     int slot = -1;    // libnl's descriptor: the event socket, or the empty one while a pass is being ended
     int events = -1;  // the event socket
     int empty = -1;   // receives nothing, ever
-    int notices = -1; // receives what libnl has no cache for
+    int notices = -1; // receives what none of the three caches holds
     bool replaced = false;
     bool stopped = false;
 };

@@ -4,7 +4,6 @@
 #include "MyLock.h"
 
 #include <atomic>
-#include <ctime>
 #include <unistd.h>
 
 namespace netlink_route {
@@ -15,7 +14,8 @@ namespace {
 std::atomic<unsigned int> arrived{0};
 std::atomic<unsigned int> served{0};
 
-// Long enough for an ordinary pass to end by itself.
+} // namespace
+
 timespec inAMillisecond()
 {
     constexpr long second = 1000000000; // in nanoseconds
@@ -28,8 +28,6 @@ timespec inAMillisecond()
     }
     return time;
 }
-
-} // namespace
 
 void lockMutexMan()
 {

@@ -22,7 +22,6 @@ struct Release {
 };
 
 using SocketPtr = std::unique_ptr<nl_sock, Release<nl_socket_free>>;
-using CachePtr = std::unique_ptr<nl_cache, Release<nl_cache_free>>;
 using ObjectPtr = std::unique_ptr<nl_object, Release<nl_object_put>>;
 using NlAddrPtr = std::unique_ptr<nl_addr, Release<nl_addr_put>>;
 using LinkPtr = std::unique_ptr<rtnl_link, Release<rtnl_link_put>>;
