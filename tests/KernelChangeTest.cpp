@@ -132,10 +132,8 @@ TEST_F(Links, ChangesShowInTheNextQuery)
     int const sleeps = test::sleeps;
     run("ip address add 10.4.0.1/24 dev v0; ip route add 10.5.0.0/16 via 10.4.0.2; ip link set v1 mtu 1400");
     EXPECT_TRUE(test::eventually([&] { return manager.getInterface("v1").getMtu() == 1400; }));
-    EXPECT_TRUE(manager.update(Interface("v0"), tries)); // sets it down, which takes the route along
+    EXPECT_TRUE(manager.remove(ipv4("10.4.0.1/24"), index)); // the last one, which takes the route along silently
     EXPECT_FALSE(manager.getRoute(ipv4("10.5.0.0/16")).isAddedToKernel());
-    run("ip address delete 10.4.0.1/24 dev v0; ip link set v0 up; ip link set v1 mtu 1401");
-    EXPECT_TRUE(test::eventually([&] { return manager.getInterface("v1").getMtu() == 1401; }));
     for (int i = 1; i <= 100; ++i) {
         std::string const number = std::to_string(i);
         Address const ip = ipv4("10.1." + number + ".1/24");

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
+#include <netlink/cache.h>
 #include <netlink/errno.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -175,6 +176,7 @@ TEST_F(Start, TwoManagersKeepTheirOwnCaches)
     CacheManager const first;
     {
         CacheManager const second;
+        EXPECT_EQ(nullptr, nl_cache_mngt_require_safe("route/link")); // libnl's parsers would use it without the lock
         run("ip address add 10.0.0.1/24 dev v0; ip link set v0 up; ip route add 10.1.0.0/24 dev v0; ip link "
             "set v0 down");
         EXPECT_TRUE(mirrorsKernel(first));
