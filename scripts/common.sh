@@ -14,7 +14,7 @@
 #     in_root ROOT FOLDER COMMAND...  runs a command in such a root, in namespaces of its own
 #
 # It touches the machine's packages, build/ and one temporary folder, which goes when the script ends. Root is
-# needed to install packages, and for nothing else.
+# needed to install packages, and by the scripts that call require_root.
 set -euo pipefail
 
 # shellcheck disable=SC2034  # both lists are for the scripts that source this
@@ -51,7 +51,7 @@ quietly() {
     fi
 }
 
-require_root() { [[ $EUID -eq 0 ]] || die "needs root, for the minimal systems that it makes; nothing was done"; }
+require_root() { [[ $EUID -eq 0 ]] || die "needs root; nothing was done"; }
 
 is_installed() {
     dpkg-query --show --showformat '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed

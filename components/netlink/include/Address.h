@@ -16,6 +16,7 @@ namespace netlink_route {
 /// |---|---|---|
 /// | MAC  | six hexadecimal numbers of one or two digits, 00:11:22:33:44:55 | two digits each, in lower case |
 /// | IPV4 | an address with its prefix length, 192.168.1.10/24, a host with /32 | the same; without /32, see below |
+/// | IPV4 | default, any, all or none | 0.0.0.0/0 |
 ///
 /// An address of a link, a destination and a preferred source are read back without the prefix length when that
 /// is 32: 10.0.0.1. Append /32 before handing such a text in again. Gateways and hops of a route are read back with

@@ -36,15 +36,16 @@ class CacheMirror;
 ///
 /// @par What queries see
 /// What a change did is seen by the queries that the same thread makes after it: a change that the kernel accepted
-/// waits, 100 ms at the most, until the event thread has applied what the kernel had notified by then. Two exceptions:
-/// a change in another network namespace, and a kernel that others change without pause. What others do is seen when
-/// the kernel's notification has been applied, within milliseconds. Routes that the kernel drops without a
-/// notification, with a link that goes down for one, leave the caches a moment later. There is no callback: a program
-/// that must notice a change asks again from time to time, which costs microseconds.
+/// waits, 100 ms at the most (an update with addresses does so twice), until the event thread has applied what the
+/// kernel had notified by then. Two exceptions: a change in another network namespace, and a kernel that others change
+/// without pause. What others do is seen when the kernel's notification has been applied, within milliseconds. Routes
+/// that the kernel drops without a notification, with a link that goes down for one, leave the caches a moment later.
+/// There is no callback: a program that must notice a change asks again from time to time, which costs microseconds.
 ///
 /// @par Waiting
 /// Queries wait for one another and for a small part of a cache update in progress, never for the kernel. An update
-/// takes what the kernel takes, and twice `tries` seconds at the very worst; the removal of a route takes one second.
+/// takes what the kernel takes, and twice `tries` seconds at the very worst; the removal of a route that the kernel
+/// accepted takes one second.
 ///
 /// @par Threads and signals
 /// Every operation may be called from any thread at any time between construction and destruction. Two updates at
@@ -54,8 +55,9 @@ class CacheMirror;
 ///
 /// @par Failures
 /// Nothing throws on a failure of the kernel, and no error code is returned. A failure is told by false, by null, or by
-/// a value whose isAddedToKernel() is false, and its reason is in the log (TraceLevel.h). The constructor only
-/// logs: a manager that could not start answers "not found" to every query, and refuses every change.
+/// a value whose isAddedToKernel() is false, and its reason is in the log (TraceLevel.h), but for a name that is no
+/// VLAN's or, in a removal, empty. std::bad_alloc may be thrown. The constructor only logs: a manager that could not
+/// start answers "not found" to every query, and refuses every change.
 ///
 /// @par Network namespaces
 /// Queries and updates concern the namespace of the thread that made the manager. Adding an address, and all removals,
@@ -63,7 +65,8 @@ class CacheMirror;
 ///
 /// @par fork
 /// The event thread does not exist in the child. The child may destroy the manager, which does nothing there, or leave
-/// it; it must not use it. It may make one of its own.
+/// it; it must neither use it nor make one of its own, since locks that were held at the fork stay so. A program that it
+/// starts with `exec` may.
 class NETLINK_ROUTE_API CacheManager {
 public:
     /// Returns when the caches are filled.
@@ -133,6 +136,7 @@ public:
     /// - two or more addresses, since a link is read with one;
     /// - an address with /32, which is read back without;
     /// - an IPv6 address, which is not sent;
+    /// - an address that does not convert: it is left out, with an error in the log (below 0 the update is true);
     /// - a MAC or broadcast address that is read back otherwise: with capital letters, or with numbers of one digit;
     /// - another ARP type or VLAN id of a link that exists, which the kernel does not take;
     /// - another index than the link's, which is not sent;
@@ -150,7 +154,7 @@ public:
 
     /// Makes or changes the VLAN of that name as the update of a link does. The part of the name before the first '.'
     /// is the parent, which must exist, and be up if the VLAN shall be up. An existing VLAN stays on the parent that
-    /// it has.
+    /// it has. A name without '.' is refused without a line in the log.
     bool update(Vlan const& vlan, int tries);
 
     /// Deletes the link of that name, or of that alternative name. Does not verify.

@@ -21,7 +21,7 @@ namespace netlink_route {
 /// not convert: it is left out with an error in the log, and the rest of the route is sent without it.
 class NETLINK_ROUTE_API Route : public AddedToKernelInterface {
 public:
-    /// A route of that name with no address, in the main table, of the owner "static", of type unicast.
+    /// A route of that name with no address, in the main table, of the protocol "static", of type unicast.
     explicit Route(std::string label);
 
     ///@{
@@ -64,8 +64,8 @@ public:
 
     ///@{
 
-    /// Who owns the route, one of RTPROT_* in `<linux/rtnetlink.h>`, RTPROT_STATIC from the start. A removal fits
-    /// the routes of that owner alone; RTPROT_UNSPEC fits those of any.
+    /// Who installed the route, one of RTPROT_* in `<linux/rtnetlink.h>`, RTPROT_STATIC from the start. A removal fits
+    /// the routes of that protocol alone; RTPROT_UNSPEC fits those of any.
     unsigned char getProtocol() const;
     bool setProtocol(unsigned char value);
     ///@}
@@ -108,7 +108,8 @@ public:
 
     ///@{
 
-    /// The prefix of the senders that the route applies to.
+    /// The prefix of the senders that the route applies to. A value to store: libnl keeps none in an IPv4 route, so it
+    /// is neither sent nor read.
     Address getSource() const;
     bool setSource(Address const& address);
     ///@}
