@@ -47,7 +47,7 @@ def update(ndb, name, mtu, text):
 
 def main():
     names = sys.argv[1:]
-    with NDB(log="critical") as ndb:
+    with NDB(log="off") as ndb:
         wait_for(ndb, names)
 
         def query(i):
