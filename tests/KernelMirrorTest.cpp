@@ -307,12 +307,13 @@ TEST_F(Mirror, TablesAreReadRarely)
         return test::tablesRead - before;
     };
     EXPECT_EQ(0, readWhile("ip address change 10.0.0.1/24 dev v0 valid_lft 900 preferred_lft 900"));
+    // libnl does not tell which routes it held back when it filled the cache: the first removal has all routes read.
+    haveAllRoutesRead();
+    EXPECT_EQ(atStart + 4, test::tablesRead);
     EXPECT_EQ(0, readWhile("ip link add n0 type veth peer name n1; ip link set n0 up mtu 1300; "
                            "ip address add 10.7.0.1/24 dev n0; ip link set n1 up alias x; "
                            "for i in $(seq 50); do echo route add 10.8.$i.0/24 dev n0; done | ip -batch -"));
-    // libnl does not tell which routes it held back when it filled the cache: the first removal has all routes read.
-    EXPECT_EQ(1, readWhile("ip route delete 10.8.50.0/24"));
-    EXPECT_EQ(0, readWhile("for i in $(seq 40); do echo route delete 10.8.$i.0/24; done | ip -batch -"));
+    EXPECT_EQ(0, readWhile("for i in $(seq 50); do echo route delete 10.8.$i.0/24; done | ip -batch -"));
     EXPECT_EQ(0, readWhile("ip link set v0 down; ip link set v1 down")); // the routes of v0 alone are read
     EXPECT_EQ(0, readWhile("ip link set v0 up; ip route add 10.4.0.0/16 dev w0 src 10.0.0.1"));
     EXPECT_EQ(0, readWhile("ip address delete 10.0.0.1/24 dev v0")); // and with it, silently, that route
