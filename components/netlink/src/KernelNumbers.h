@@ -4,7 +4,6 @@
 namespace netlink_route {
 
 constexpr unsigned short newNexthop = 104; // RTM_NEWNEXTHOP
-constexpr unsigned short delNexthop = 105; // RTM_DELNEXTHOP
 constexpr unsigned short getNexthop = 106; // RTM_GETNEXTHOP
 constexpr int nexthopGroup = 32;           // RTNLGRP_NEXTHOP
 
