@@ -307,6 +307,9 @@ void forEachHop(rtnl_route* route, Function function)
     }
 }
 
+// The first piece of a dump has about 4 KiB, and a route 60 bytes, and 16 for each hop.
+constexpr std::size_t routesInOnePiece = 16;
+
 } // namespace
 
 // Collects the cached routes that the kernel may have dropped silently, asks for the routes of the links that their
@@ -346,6 +349,8 @@ bool CacheMirror::resyncRoutesOfLinks()
             all = true;
             break;
         }
+        // A dump in pieces may have skipped a route that the kernel has (see resyncRoutes), which then goes wrongly.
+        dirty.routes = dirty.routes || (routes->size() >= routesInOnePiece && !events.isEmpty());
         std::move(routes->begin(), routes->end(), std::back_inserter(fresh));
     }
     if (all) {
