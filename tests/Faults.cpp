@@ -19,12 +19,15 @@
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace test {
 
 std::atomic<int> failingRequests{0};
 std::atomic<bool> pollFails{false};
 std::atomic<bool> fillTwice{false};
+std::atomic<bool> hideRouteRemovals{false};
+std::atomic<bool> cancelled{false};
 std::atomic<int> sleeps{0};
 std::atomic<int> tablesRead{0};
 std::atomic<long> objectsApplied{0};
@@ -36,8 +39,10 @@ namespace {
 
 thread_local int allocations = 0;
 thread_local int failFrom = 0;
-std::mutex requestMutex;
+std::mutex hookMutex;
 std::string linkRequest;
+std::function<void()> readingAction;
+std::function<void()> passAction;
 
 template <typename Function>
 Function* next(char const* name)
@@ -55,8 +60,18 @@ void lookAt(nlmsghdr const& request)
     test::tablesRead +=
         isDump && isWhole && (type == RTM_GETLINK || type == RTM_GETADDR || type == RTM_GETROUTE) ? 1 : 0;
     if (type == RTM_NEWLINK || type == RTM_SETLINK) {
-        std::lock_guard<std::mutex> const guard(requestMutex);
+        std::lock_guard<std::mutex> const guard(hookMutex);
         linkRequest.assign(reinterpret_cast<char const*>(&request), request.nlmsg_len);
+    }
+}
+
+void runOnce(std::function<void()>& action)
+{
+    std::unique_lock<std::mutex> guard(hookMutex);
+    auto const once = std::exchange(action, nullptr);
+    guard.unlock();
+    if (once) {
+        once();
     }
 }
 
@@ -71,8 +86,29 @@ ssize_t sendmsg(int descriptor, msghdr const* message, int flags)
         errno = ENOBUFS;
         return -1;
     }
-    lookAt(*static_cast<nlmsghdr const*>(message->msg_iov[0].iov_base));
-    return next<decltype(sendmsg)>("sendmsg")(descriptor, message, flags);
+    auto const& request = *static_cast<nlmsghdr const*>(message->msg_iov[0].iov_base);
+    lookAt(request);
+    ssize_t const size = next<decltype(sendmsg)>("sendmsg")(descriptor, message, flags);
+    if ((request.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP) {
+        runOnce(readingAction);
+    }
+    return size;
+}
+
+ssize_t recvmsg(int descriptor, msghdr* message, int flags)
+{
+    ssize_t const size = next<decltype(recvmsg)>("recvmsg")(descriptor, message, flags);
+    auto* const header = static_cast<nlmsghdr*>(message->msg_iov[0].iov_base);
+    if (test::hideRouteRemovals && size >= NLMSG_HDRLEN && header->nlmsg_type == RTM_DELROUTE) {
+        header->nlmsg_type = NLMSG_NOOP;
+    }
+    return size;
+}
+
+int pthread_cancel(pthread_t thread)
+{
+    test::cancelled = true;
+    return next<decltype(pthread_cancel)>("pthread_cancel")(thread);
 }
 
 int poll(pollfd* records, nfds_t count, int milliseconds)
@@ -103,6 +139,7 @@ int nl_cache_refill(nl_sock* socket, nl_cache* cache)
 int nl_cache_move(nl_cache* cache, nl_object* object)
 {
     ++test::objectsApplied;
+    runOnce(passAction);
     test::unlockedChanges += test::lockIsFree() ? 1 : 0;
     return next<decltype(nl_cache_move)>("nl_cache_move")(cache, object);
 }
@@ -131,9 +168,21 @@ void failAllocations(int first)
     failFrom = first;
 }
 
+void duringReading(std::function<void()> action)
+{
+    std::lock_guard<std::mutex> const guard(hookMutex);
+    readingAction = std::move(action);
+}
+
+void duringPass(std::function<void()> action)
+{
+    std::lock_guard<std::mutex> const guard(hookMutex);
+    passAction = std::move(action);
+}
+
 std::string lastLinkRequest()
 {
-    std::lock_guard<std::mutex> const guard(requestMutex);
+    std::lock_guard<std::mutex> const guard(hookMutex);
     return linkRequest;
 }
 

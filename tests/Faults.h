@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,15 @@ extern std::atomic<bool> pollFails;
 // Whether libnl fills caches as when the kernel changes meanwhile: it begins again without clearing.
 extern std::atomic<bool> fillTwice;
 
+// Whether notifications of removed routes are lost, as of those that a kernel drops silently.
+extern std::atomic<bool> hideRouteRemovals;
+
+// Has that done, once, in the middle of the next dump: when the kernel has made its first piece.
+void duringReading(std::function<void()> action);
+
+// The same in the middle of the next pass of libnl: when it puts the first object into a cache.
+void duringPass(std::function<void()> action);
+
 // Makes libnl's allocations of links, routes and next hops fail, the n-th of each and every later one, 0: none.
 void failAllocations(int first);
 
@@ -27,6 +37,9 @@ extern std::atomic<int> sleeps;          // calls of sleep(3)
 extern std::atomic<int> tablesRead;      // requests for a whole table
 extern std::atomic<long> objectsApplied; // objects that libnl put into caches
 extern std::atomic<int> unlockedChanges; // those of them that it put there while the lock was free
+
+// Whether a thread was cancelled, in this process.
+extern std::atomic<bool> cancelled;
 
 // The last link request that was sent, as bytes.
 std::string lastLinkRequest();

@@ -83,23 +83,12 @@ TEST_F(Addresses, AreAddedAndRemoved)
                             "(remove) - delete failed with Invalid address for specified address family for "
                             "address " +
                             ip.toString()));
+    EXPECT_THAT(linesOf(8, [&] { return manager.add(ipv4("10.0.0.1/24"), 0); }),
+                ElementsAre(error + "(convertToAddress) - convertToAddress should have a parent different from 0",
+                            error + "(add) - add failed of address"));
+    EXPECT_EQ(error + "(remove) - remove failed of address",
+              linesOf(8, [&] { return manager.remove(ipv4("192.168.1.10"), 1); }).at(1));
     EXPECT_TRUE(mirrorsKernel(manager));
-}
-
-TEST_F(Addresses, ThatDoNotConvertReachNoKernel)
-{
-    CacheManager manager;
-    std::string const notAdded = error + "(add) - add failed of address";
-    std::string const notRemoved = error + "(remove) - remove failed of address";
-    std::string const notValid = error + "(convertToAddress) - address is not valid for family type!";
-    EXPECT_THAT(linesOf(8, [&] { return manager.add(ipv4("192.168.1.10"), 1); }), ElementsAre(notValid, notAdded));
-    EXPECT_THAT(linesOf(8, [&] { return manager.remove(ipv4("192.168.1.10"), 1); }), ElementsAre(notValid, notRemoved));
-    EXPECT_THAT(
-        linesOf(8, [&] { return manager.add(ipv4("10.0.0.1/24"), 0); }),
-        ElementsAre(error + "(convertToAddress) - convertToAddress should have a parent different from 0", notAdded));
-    EXPECT_THAT(
-        linesOf(8, [&] { return manager.remove(ipv4(""), 1); }),
-        ElementsAre("7 [DEBUG2] CacheManager.cpp:N (convertToAddress) - cannot convert an empty address", notRemoved));
 }
 
 TEST_F(Links, TakeMtuAndAddressInOneUpdate)
@@ -130,10 +119,6 @@ TEST_F(Links, ChangesShowInTheNextQuery)
     int const index = manager.getInterface("v0").getIndex();
     test::TraceLevel const scope(3);
     int const sleeps = test::sleeps;
-    run("ip address add 10.4.0.1/24 dev v0; ip route add 10.5.0.0/16 via 10.4.0.2; ip link set v1 mtu 1400");
-    EXPECT_TRUE(test::eventually([&] { return manager.getInterface("v1").getMtu() == 1400; }));
-    EXPECT_TRUE(manager.remove(ipv4("10.4.0.1/24"), index)); // the last one, which takes the route along silently
-    EXPECT_FALSE(manager.getRoute(ipv4("10.5.0.0/16")).isAddedToKernel());
     for (int i = 1; i <= 100; ++i) {
         std::string const number = std::to_string(i);
         Address const ip = ipv4("10.1." + number + ".1/24");
@@ -173,20 +158,14 @@ TEST_F(Links, ChangesOfADownLinkAreSeen)
         EXPECT_EQ(wanted.isModeDormant(), found.isModeDormant());
     }
     EXPECT_EQ(sleeps, test::sleeps);
-}
-
-TEST_F(Links, GroupIsChangedForTheLinkThatWasFound)
-{
-    CacheManager manager;
-    auto const indexSent = [&](unsigned int group) {
-        Interface wanted("v0");
-        wanted.setGroup(group);
-        EXPECT_TRUE(manager.update(wanted, tries));
+    auto const indexSent = [] {
         std::string const request = test::lastLinkRequest();
         return reinterpret_cast<ifinfomsg const*>(request.data() + NLMSG_HDRLEN)->ifi_index;
     };
-    EXPECT_EQ(0, indexSent(0)); // the name is enough
-    EXPECT_EQ(manager.getInterface("v0").getIndex(), indexSent(5));
+    EXPECT_EQ(manager.getInterface("v0").getIndex(),
+              indexSent()); // a group with a name may mean all links of the group
+    EXPECT_TRUE(manager.update(Interface("v0"), tries));
+    EXPECT_EQ(0, indexSent()); // here the name is enough
 }
 
 void expectAcceptedAsRead(std::string const& name)
@@ -266,28 +245,6 @@ TEST_F(Links, FailuresAreLoggedLineByLine)
     EXPECT_THAT(output("ip address show v0"), HasSubstr("inet 10.2.0.1/24"));
 }
 
-TEST_F(Links, RequestsUseTheRightSocket)
-{
-    run("ip address add 10.0.0.1/24 dev v0; ip link set v0 up");
-    CacheManager manager;
-    int const index = manager.getInterface("v0").getIndex();
-    Route const route = routeTo("10.1.0.0/16", "10.0.0.2/32");
-    auto const socketsFor = [](std::function<bool()> const& request) {
-        test::TraceLevel const scope(8);
-        EXPECT_TRUE(request());
-        auto const lines = test::takeLog();
-        return std::count_if(lines.begin(), lines.end(), [](std::string const& line) {
-            return line.find("(RouteSocket) - get socket") != std::string::npos;
-        });
-    };
-    EXPECT_EQ(2, socketsFor([&] { return manager.update(linkWithIp("v0", "10.0.0.1/24"), -1); })); // the addresses'
-    EXPECT_EQ(0, socketsFor([&] { return manager.update(route, 0); }));
-    EXPECT_EQ(1, socketsFor([&] { return manager.remove(route); }));
-    EXPECT_EQ(1, socketsFor([&] { return manager.add(ipv4("10.2.0.1/24"), index); }));
-    EXPECT_EQ(1, socketsFor([&] { return manager.remove(ipv4("10.2.0.1/24"), index); }));
-    EXPECT_EQ(1, socketsFor([&] { return manager.remove(Interface("v0")); }));
-}
-
 TEST_F(Links, FailedAllocationsAreFailuresOfTheOperation)
 {
     CacheManager manager;
@@ -333,19 +290,15 @@ TEST_F(Links, NamesOfAnyKindReachNoOtherLink)
 
 TEST_F(Links, EightThreadsShareOneManager)
 {
-    constexpr int threads = 8;
-    constexpr int updates = 50;
-    for (int i = 0; i < threads; i += 2) {
-        run("ip link add t" + std::to_string(i) + " type veth peer name t" + std::to_string(i + 1));
-    }
+    run("for i in $(seq 8); do echo link add t$i type veth peer name u$i; done | ip -batch -");
     CacheManager manager;
     std::atomic<int> accepted{0};
     std::vector<std::thread> workers;
-    for (int i = 0; i < threads; ++i) {
-        workers.emplace_back([&, name = "t" + std::to_string(i)] {
-            for (unsigned int update = 0; update < updates; ++update) {
-                Interface wanted(name);
-                wanted.setMtu(1200 + update);
+    for (char const* const name : {"t1", "t2", "t3", "t4", "t5", "t6", "t7", "t8"}) {
+        workers.emplace_back([&, name] {
+            Interface wanted(name);
+            for (unsigned int mtu = 1200; mtu < 1250; ++mtu) {
+                wanted.setMtu(mtu);
                 accepted += manager.update(wanted, -1) ? 1 : 0;
                 accepted -= manager.update(routeTo("10.1.0.0/16", "172.16.0.1/32"), 0) ? 1 : 0; // refused
             }
@@ -354,10 +307,8 @@ TEST_F(Links, EightThreadsShareOneManager)
     for (std::thread& worker : workers) {
         worker.join();
     }
-    EXPECT_EQ(threads * updates, accepted);
-    for (int i = 0; i < threads; ++i) {
-        EXPECT_THAT(output("ip link show t" + std::to_string(i)), HasSubstr("mtu 1249"));
-    }
+    EXPECT_EQ(8 * 50, accepted);
+    EXPECT_EQ("8\n", output("ip link | grep -c 'mtu 1249'"));
     EXPECT_TRUE(mirrorsKernel(manager));
 }
 
@@ -523,16 +474,13 @@ TEST_F(Routes, AreAddedFoundAndRemoved)
 
 TEST_F(Routes, AreFoundByTheExactDestination)
 {
-    run("ip address add 10.0.0.1/24 dev v0; ip link set v0 up");
-    run("ip route add 10.1.0.0/16 dev v0 table 100; ip route add 10.1.0.0/16 dev v0 table 50");
+    run("ip address add 10.0.0.1/24 dev v0; ip link set v0 up; ip route add 10.1.0.0/16 dev v0");
     CacheManager manager;
+    EXPECT_TRUE(manager.getRoute(ipv4("10.1.0.0/16")).isAddedToKernel());
     EXPECT_FALSE(manager.getRoute(ipv4("10.1.2.3/32")).isAddedToKernel());
     EXPECT_FALSE(manager.getRoute(ipv4("10.1.0.0/24")).isAddedToKernel());
     EXPECT_FALSE(manager.getRoute(ipv4("10.1.0.1/16")).isAddedToKernel());
     EXPECT_FALSE(manager.getRoute(ipv4("10.1.0.1/0")).isAddedToKernel());
-    unsigned int const first = manager.getRoute(ipv4("10.1.0.0/16")).getTable();
-    run("ip route delete 10.1.0.0/16 dev v0 table " + std::to_string(first));
-    EXPECT_TRUE(eventually([&] { return manager.getRoute(ipv4("10.1.0.0/16")).getTable() == 150 - first; }));
 }
 
 TEST_F(Routes, RefusalsReturnAtOnce)

