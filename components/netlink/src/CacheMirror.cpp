@@ -204,14 +204,13 @@ void CacheMirror::noteChange(nl_cache* cache, nl_object* object, int action) noe
 void CacheMirror::takeNotices()
 {
     EventSocket::Notices const notices = events.takeNotices();
-    if (notices.overrun) {
-        noteOverrun();
-    }
-    if (notices.nexthops) {
-        dirty.noteNexthopObjects();
-    }
+    dirty.routes = dirty.routes || notices.nexthops;
+    bool complete = !notices.overrun;
     for (int const link : notices.newQdiscs) {
-        dirty.links = !events.askForLink(link) || dirty.links;
+        complete = events.askForLink(link) && complete;
+    }
+    if (!complete) {
+        noteOverrun();
     }
 }
 
@@ -247,18 +246,16 @@ void CacheMirror::resync()
     }
 }
 
-// What a reading shows first, no callback tells afterwards. So with a link that went down or an address that went away,
-// the routes become dirty, too.
 bool CacheMirror::resyncLinks()
 {
-    if (!dirty.links || caches.link == nullptr) {
+    if (!dirty.overrun || caches.link == nullptr) {
         return true;
     }
     std::optional<Objects> fresh = reader.readLinks();
-    dirty.routes = true;
     return fresh.has_value() && makeLinksEqual(caches.link, std::move(*fresh), reader).complete;
 }
 
+// What a reading shows first, no callback tells afterwards. So with an address that went away, the routes become dirty.
 bool CacheMirror::resyncAddresses()
 {
     if (!dirty.addresses || caches.addr == nullptr) {

@@ -41,16 +41,9 @@ bool DirtyTables::isOneOfSeveral(rtnl_route* route) const
     return !severalRoutesKnown || std::binary_search(severalRoutes.begin(), severalRoutes.end(), routeKey(route));
 }
 
-void DirtyTables::noteNexthopObjects()
-{
-    nexthopObjects = true;
-    routes = true;
-}
-
 void DirtyTables::noteOverrun()
 {
     overrun = true;
-    links = true;
     addresses = true;
     routes = true;
 }
@@ -70,7 +63,7 @@ void DirtyTables::noteTablesRead(std::chrono::nanoseconds cost, Clock::time_poin
 {
     nextTables = pauseAfter(cost, end, complete);
     if (complete) {
-        overrun = links = false;
+        overrun = false;
         addresses = std::exchange(addressesAfterwards, false);
         routes = std::exchange(routesAfterwards, false);
     }

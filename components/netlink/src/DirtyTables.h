@@ -58,8 +58,8 @@ private:
 //     routes are dirty.
 //   - An address that was notified again, of a link with several: libnl moves it to the end of its cache. The addresses
 //     are dirty.
-//   - A queueing discipline, which the kernel does not notify with its link. The link is asked for; only if that fails
-//     are the links dirty.
+//   - A queueing discipline, which the kernel does not notify with its link. The link is asked for; if that fails, it is
+//     as after an overrun.
 //
 // Used by the event thread alone. The note functions are called from libnl's callback, and no exception may pass
 // libnl's frames, so they allocate nothing.
@@ -72,7 +72,6 @@ public:
     void noteAddress(rtnl_addr* address, int action);
     void noteRoute(rtnl_route* route, int action);
 
-    void noteNexthopObjects();
     void noteOverrun();
 
     // A reading of the tables, or of the routes of some links, ended and cost that much processor time. Each of the two
@@ -91,7 +90,6 @@ public:
     int untilDue(Clock::time_point now) const;
 
     bool overrun = false; // notifications are missing: no reading before the event socket has been read to its end
-    bool links = false;
     bool addresses = false;
     bool routes = false;
     NumberSet<int> routesOverLinks;               // the routes with a hop on one of these links
@@ -103,7 +101,7 @@ public:
     bool routesAfterwards = false;                // the same of all routes
 
 private:
-    bool tables() const { return links || addresses || routes; }
+    bool tables() const { return overrun || addresses || routes; }
     bool routesOfLinks() const { return !routesOverLinks.empty() || !routesFromAddresses.empty(); }
 
     Clock::time_point nextTables{}; // no reading before
