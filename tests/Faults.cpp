@@ -41,7 +41,8 @@ thread_local int allocations = 0;
 thread_local int failFrom = 0;
 std::mutex hookMutex;
 std::string linkRequest;
-std::function<void()> readingAction;
+std::function<void()> actionBefore;
+std::function<void()> actionDuring;
 std::function<void()> passAction;
 
 template <typename Function>
@@ -65,6 +66,12 @@ void lookAt(nlmsghdr const& request)
     }
 }
 
+void keep(std::function<void()>& place, std::function<void()> action)
+{
+    std::lock_guard<std::mutex> const guard(hookMutex);
+    place = std::move(action);
+}
+
 void runOnce(std::function<void()>& action)
 {
     std::unique_lock<std::mutex> guard(hookMutex);
@@ -82,15 +89,18 @@ extern "C" {
 ssize_t sendmsg(int descriptor, msghdr const* message, int flags)
 {
     if (test::failingRequests > 0) {
-        --test::failingRequests;
         errno = ENOBUFS;
-        return -1;
+        return test::failingRequests-- % 2 == 0 ? -1 : static_cast<ssize_t>(message->msg_iov[0].iov_len);
     }
     auto const& request = *static_cast<nlmsghdr const*>(message->msg_iov[0].iov_base);
+    bool const isDump = (request.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP;
     lookAt(request);
+    if (isDump) {
+        runOnce(actionBefore);
+    }
     ssize_t const size = next<decltype(sendmsg)>("sendmsg")(descriptor, message, flags);
-    if ((request.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP) {
-        runOnce(readingAction);
+    if (isDump) {
+        runOnce(actionDuring);
     }
     return size;
 }
@@ -168,17 +178,11 @@ void failAllocations(int first)
     failFrom = first;
 }
 
-void duringReading(std::function<void()> action)
-{
-    std::lock_guard<std::mutex> const guard(hookMutex);
-    readingAction = std::move(action);
-}
+void beforeReading(std::function<void()> action) { keep(actionBefore, std::move(action)); }
 
-void duringPass(std::function<void()> action)
-{
-    std::lock_guard<std::mutex> const guard(hookMutex);
-    passAction = std::move(action);
-}
+void duringReading(std::function<void()> action) { keep(actionDuring, std::move(action)); }
+
+void duringPass(std::function<void()> action) { keep(passAction, std::move(action)); }
 
 std::string lastLinkRequest()
 {

@@ -10,7 +10,7 @@ namespace test {
 
 // ---- Faults ----
 
-// So many requests that the process sends next fail, as if the kernel had no memory for them.
+// So many requests that the process sends next fail, as if the kernel had no memory for them: every other one says so.
 extern std::atomic<int> failingRequests;
 
 // Whether poll fails at once where it would wait.
@@ -22,7 +22,8 @@ extern std::atomic<bool> fillTwice;
 // Whether notifications of removed routes are lost, as of those that a kernel drops silently.
 extern std::atomic<bool> hideRouteRemovals;
 
-// Has that done, once, in the middle of the next dump: when the kernel has made its first piece.
+// Has that done, once, just before the next dump, or in the middle of it: when the kernel has made its first piece.
+void beforeReading(std::function<void()> action);
 void duringReading(std::function<void()> action);
 
 // The same in the middle of the next pass of libnl: when it puts the first object into a cache.

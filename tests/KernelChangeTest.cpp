@@ -243,6 +243,7 @@ TEST_F(Links, FailuresAreLoggedLineByLine)
     EXPECT_TRUE(manager.update(linkWithIp("v0", "10.2.0.1/24"), -1));
     EXPECT_EQ(sleeps, test::sleeps);
     EXPECT_THAT(output("ip address show v0"), HasSubstr("inet 10.2.0.1/24"));
+    EXPECT_FALSE(manager.update(linkWithIp("v0", "10.3.0.1/24"), 1)); // which stands behind that one
 }
 
 TEST_F(Links, FailedAllocationsAreFailuresOfTheOperation)

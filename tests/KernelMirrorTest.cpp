@@ -42,9 +42,7 @@ protected:
     void TearDown() override { EXPECT_EQ(0, test::unlockedChanges); }
 };
 
-// Static, connected and multipath routes that depend on v0 and its address, and one that w0 sends from it.
-std::vector<std::string> const routes{"10.2.0.0/16", "10.0.0.0/24", "10.3.0.0/16", "10.4.0.0/16"};
-
+// Static and multipath routes that depend on v0 and its address, and one that w0 sends from it.
 void addRoutes()
 {
     run("ip route add 10.2.0.0/16 via 10.0.0.2; "
@@ -55,16 +53,6 @@ void addRoutes()
 bool holds(CacheManager const& manager, std::string const& destination)
 {
     return manager.getRoute(ipv4(destination)).isAddedToKernel();
-}
-
-// Whether the manager has those of the routes that the kernel has, and no other.
-bool mirrorsRoutes(CacheManager const& manager, std::vector<std::string> const& destinations)
-{
-    return eventually([&] {
-        return std::all_of(destinations.begin(), destinations.end(), [&](std::string const& destination) {
-            return holds(manager, destination) != test::output("ip route show " + destination).empty();
-        });
-    });
 }
 
 // Afterwards the manager knows which routes the kernel has several of, and has no cause of its own to read them all.
@@ -96,15 +84,12 @@ TEST_F(Mirror, RoutesDroppedSilentlyLeaveWithinASecond)
         ASSERT_TRUE(mirrorsKernel(manager));
         run("ip " + removal);
         EXPECT_TRUE(mirrorsKernel(manager)) << removal;
-        EXPECT_TRUE(mirrorsRoutes(manager, routes)) << removal;
-        EXPECT_FALSE(holds(manager, routes[0]));
         run("printf '" + restoration + "' | ip -batch -");
         addRoutes();
         ASSERT_TRUE(mirrorsKernel(manager));
         // Down and up within one pass: the links look as before, and the routes are gone.
         run("printf '" + removal + restoration + "' | ip -batch -");
         EXPECT_TRUE(mirrorsKernel(manager)) << removal;
-        EXPECT_TRUE(mirrorsRoutes(manager, routes)) << removal;
     }
 }
 
@@ -119,6 +104,10 @@ TEST_F(Mirror, OwnChangesWaitForReadingsAndReadingsForTheKernel)
     test::duringReading([] { std::this_thread::sleep_for(20ms); });
     EXPECT_TRUE(manager.remove(ipv4("10.1.0.1/24"), static_cast<int>(if_nametoindex("w0"))));
     EXPECT_FALSE(holds(manager, "10.4.0.0/16"));
+    {
+        MyLock const lock("test");                        // the event thread cannot go on
+        EXPECT_TRUE(manager.add(ipv4("10.1.0.1/24"), 1)); // and this thread does not wait for ever
+    }
     EXPECT_TRUE(mirrorsKernel(manager)); // meanwhile the next reading becomes due
     run("ip link set v0 down");
     EXPECT_TRUE(mirrorsKernel(manager));
@@ -170,7 +159,6 @@ TEST_F(Mirror, RoutesOfManyLinksLeaveAtOnce)
     test::hideRouteRemovals = false;
     inOnePass(eachOfTwenty("echo route add 10.8.$i.0/24 dev a$i") + "; " + eachOfTwenty("echo link set a$i down"));
     EXPECT_TRUE(mirrorsKernel(manager));
-    EXPECT_FALSE(holds(manager, "10.9.0.0/16") || holds(manager, "10.8.20.0/24"));
 }
 
 // libnl holds one of several routes that differ in their next hops alone, and none when one of them was removed.
@@ -204,7 +192,7 @@ TEST_F(Mirror, NexthopObjectsTakeTheirRoutesAway)
     auto const addRoute = [] { run("ip nexthop add id 1 via 10.0.0.2 dev v0; ip route add 10.6.0.0/16 nhid 1"); };
     ASSERT_TRUE(eventually([] { return test::output("ip link show v0").find("LOWER_UP") != std::string::npos; }));
     addRoute();
-    CacheManager const manager;
+    CacheManager manager;
     ASSERT_TRUE(holds(manager, "10.6.0.0/16"));
     other.run("ip link set v1 down"); // carrier lost
     EXPECT_TRUE(eventually([&] { return !holds(manager, "10.6.0.0/16"); }));
@@ -214,6 +202,11 @@ TEST_F(Mirror, NexthopObjectsTakeTheirRoutesAway)
     ASSERT_TRUE(eventually([&] { return holds(manager, "10.6.0.0/16"); }));
     run("ip nexthop delete id 1");
     EXPECT_TRUE(eventually([&] { return !holds(manager, "10.6.0.0/16"); }));
+    addRoute();
+    run("ip nexthop add id 2 via 10.0.0.2 dev v0; ip route append 10.6.0.0/16 nhid 2; ip route delete 10.6.0.0/16");
+    EXPECT_TRUE(manager.add(ipv4("10.7.0.1/24"), 1)); // waits until the removal, of one of two, is applied
+    EXPECT_TRUE(mirrorsKernel(manager));
+    EXPECT_TRUE(holds(manager, "10.6.0.0/16"));
 }
 
 void sendDatagram(char const* address, std::size_t bytes)
@@ -289,15 +282,21 @@ TEST_F(Mirror, FirstAddressStaysTheFirst)
     ASSERT_TRUE(eventually([&] { return manager.getInterface("v1").getMtu() == 1300; }));
     EXPECT_EQ("10.0.0.1/24", first());
     test::failingRequests = 0;
-    test::duringReading([] { run("ip address change 10.0.0.1/24 dev v0 valid_lft 800 preferred_lft 800"); });
+    test::beforeReading([] { run("ip address change 10.0.0.1/24 dev v0 valid_lft 800 preferred_lft 800"); });
     EXPECT_TRUE(eventually(
         [] { return !test::output("ip address show v0 | grep -E 'valid_lft (800|79.)sec' || true").empty(); }));
     EXPECT_TRUE(mirrorsKernel(manager));
-    EXPECT_EQ("10.0.0.1/24", first());           // though libnl puts it behind the other one, and tells nobody
-    run("ip address delete 10.0.0.1/24 dev v0"); // the second one is promoted, and notified again
+    EXPECT_EQ("10.0.0.1/24", first()); // though libnl puts it behind the other one, and tells nobody
+    run("ip address add 10.4.0.1/24 dev v0; ip route add 10.9.0.0/16 dev w0 src 10.4.0.1");
+    EXPECT_TRUE(eventually([&] { return holds(manager, "10.9.0.0/16"); }));
+    test::hideRouteRemovals = true;                                           // as before Linux 6.1
+    test::beforeReading([] { run("ip address delete 10.4.0.1/24 dev v0"); }); // which no callback tells then
+    run("ip address change 10.0.0.1/24 dev v0 valid_lft 900 preferred_lft 900");
+    EXPECT_TRUE(eventually([&] { return !holds(manager, "10.9.0.0/16"); }));
+    test::hideRouteRemovals = false;
+    run("ip address delete 10.0.0.1/24 dev v0");                       // the second one is promoted, and notified again
     EXPECT_TRUE(eventually([&] { return first() == "10.5.0.1/24"; })); // which is put behind the other primary one
     EXPECT_TRUE(mirrorsKernel(manager));
-    EXPECT_EQ(first(), CacheManager().getIps(index).at(0).getAddress());
     run("printf 'address add 10.7.0.1/24 dev w0\naddress add 10.8.0.1/24 dev w0\n"
         "address replace 10.7.0.1/24 dev w0 valid_lft 900 preferred_lft 900\n' | ip -batch -; ip address delete "
         "10.1.0.1/24 dev w0");
@@ -323,9 +322,9 @@ TEST_F(Mirror, RouteThatLibnlCannotReadHidesNoOther)
         "dev v0");
     addRoutes();
     CacheManager const manager;
-    EXPECT_TRUE(holds(manager, routes[0]) && holds(manager, routes[1]));
+    EXPECT_TRUE(holds(manager, "10.2.0.0/16") && holds(manager, "10.0.0.0/24"));
     run("ip route delete 10.2.0.0/16");
-    EXPECT_TRUE(eventually([&] { return !holds(manager, routes[0]); }));
+    EXPECT_TRUE(eventually([&] { return !holds(manager, "10.2.0.0/16"); }));
 }
 
 TEST_F(Mirror, QueueingDisciplineIsFollowed)
@@ -388,18 +387,15 @@ TEST_F(Mirror, TablesAreReadRarely)
 TEST_F(Mirror, RequestThatCannotBeSentIsRepeated)
 {
     addRoutes();
-    auto manager = std::make_unique<CacheManager>();
-    test::failingRequests = 0;
+    CacheManager const manager; // whose end it holds up no more than the reading
+    EXPECT_TRUE(mirrorsKernel(manager));
     {
         MyLock const lock("test"); // until the request can fail
         run("ip link set v0 down");
         test::failingRequests = 2;
     }
-    EXPECT_TRUE(mirrorsKernel(*manager));
+    EXPECT_TRUE(mirrorsKernel(manager));
     test::failingRequests = 0;
-    auto const start = std::chrono::steady_clock::now();
-    manager.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
 }
 
 // Makes every socket of the process overrun at a few messages.
@@ -445,7 +441,7 @@ TEST_F(Mirror, RecoversFromOverrunsWhileOthersAsk)
     run("for i in $(seq 0 999); do echo address add 10.20.$((i / 250)).$((i % 250))/32 dev v1; done | ip "
         "-batch -");
     CacheManager manager;
-    auto asking = std::make_unique<test::Meanwhile>([&] {
+    test::Meanwhile const asking([&] {
         manager.getInterface("v1");
         std::this_thread::yield();
     });
@@ -464,9 +460,6 @@ TEST_F(Mirror, RecoversFromOverrunsWhileOthersAsk)
     auto const lines = test::takeLogOfOthers();
     EXPECT_FALSE(lines.empty());
     EXPECT_THAT(lines, Each("3 [ERROR] CacheManager.cpp:N (cacheThread) - Out of memory"));
-    asking.reset();
-    run("ip link set v0 mtu 1300");
-    EXPECT_TRUE(mirrorsKernel(manager));
 }
 
 TEST_F(Mirror, FloodOfRoutesKeepsNoQueryWaiting)
@@ -488,7 +481,6 @@ TEST_F(Mirror, FloodOfRoutesKeepsNoQueryWaiting)
         MyLock const lock("test"); // thousands are queued
         run("for i in $(seq 0 2999); do echo route add 20.$((i / 250)).$((i % 250)).0/24 via 10.0.0.2; done | "
             "ip -batch -");
-        test::takeLog();
     }
     EXPECT_TRUE(eventually([&] { return holds(manager, "20.11.249.0/24"); }, 60s));
     query.join();
@@ -512,7 +504,7 @@ TEST_F(Mirror, AnswersAsAManagerMadeNow)
         {"default via 10.0.0.4 metric 600", "10.0.0.3/32"},
         {"default via 10.0.0.5 metric 100", "10.0.0.5/32"},
         {"default via 10.0.0.6 metric 900 table 7", "10.0.0.6/32"},
-        {"default via 10.0.0.7 metric 5 table 7 tos 8", "10.0.0.7/32"},
+        {"default via 10.0.0.7 metric 1000 table 7 tos 8", "10.0.0.7/32"},
         {"default via 10.0.0.8 table 257", "10.0.0.8/32"}}; // 257 is 1 to the kernel's hash
     for (auto const& [route, first] : steps) {
         std::string const& gateway = first; // Clang 14 captures no structured binding
