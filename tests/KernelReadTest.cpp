@@ -301,9 +301,9 @@ TEST_F(Queries, ReadEveryField)
                 expected.setModeDormant(true) && expected.setUp() && expected.addIp(ipv4("192.168.1.10/24"), false));
     expected.setNbrTxQueues(link.getNbrTxQueues());
     expected.setNbrRxQueues(link.getNbrRxQueues());
-    EXPECT_THAT(test::output("ip -d link show v0"),
-                testing::HasSubstr("numtxqueues " + std::to_string(link.getNbrTxQueues()) + " numrxqueues " +
-                                   std::to_string(link.getNbrRxQueues()) + " "));
+    std::string const rx = std::to_string(link.getNbrRxQueues()); // 0: a kernel without RPS tells none
+    std::string const queues = std::to_string(link.getNbrTxQueues()) + (rx == "0" ? " " : " numrxqueues " + rx + " ");
+    EXPECT_THAT(test::output("ip -d link show v0"), testing::HasSubstr("numtxqueues " + queues));
     EXPECT_EQ(expected.toString(), link.toString());
     EXPECT_EQ(link.toString(), manager.getVlan("v0").Interface::toString());
     EXPECT_TRUE(manager.getInterface("v1").getIps().empty()); // it has IPv6 addresses alone
