@@ -69,7 +69,7 @@ private:
 };
 
 // Whether the manager's links, and the first address of each link and the first route to each destination, are the
-// kernel's within the time; else says what differs.
+// kernel's within the time; else says what differs. Destinations are those that the kernel has had at such a look.
 testing::AssertionResult mirrorsKernel(netlink_route::CacheManager const& manager,
                                        std::chrono::milliseconds time = std::chrono::milliseconds(1000));
 
