@@ -3,7 +3,6 @@
 
 #include "Faults.h"
 
-#include <algorithm>
 #include <atomic>
 #include <linux/rtnetlink.h>
 #include <thread>

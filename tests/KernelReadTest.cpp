@@ -9,7 +9,6 @@
 #include <iterator>
 #include <memory>
 #include <netlink/cache.h>
-#include <netlink/errno.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
