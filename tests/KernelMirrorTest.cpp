@@ -259,10 +259,22 @@ std::vector<char> linkMessage(unsigned char family, std::string const& name, int
 TEST_F(Mirror, PartialLinkMessagesChangeNothing)
 {
     run("ip link add br0 type bridge; ip link set br0 up");
+    auto const notify = [] {
+        test::notifyManager(linkMessage(AF_UNSPEC, "v0", IFLA_WIRELESS));
+        test::notifyManager(linkMessage(AF_INET6, "v0", IFLA_PAD));
+        test::notifyManager(linkMessage(AF_BRIDGE, "br0", IFLA_PAD));
+    };
+    std::atomic<bool> isFiltered{false};
+    test::beforeFilter([&] {
+        run("ip link set v1 alias early");
+        notify();
+        isFiltered = true;
+    });
     CacheManager const manager;
-    test::notifyManager(linkMessage(AF_UNSPEC, "v0", IFLA_WIRELESS));
-    test::notifyManager(linkMessage(AF_INET6, "v0", IFLA_PAD));
-    test::notifyManager(linkMessage(AF_BRIDGE, "br0", IFLA_PAD));
+    EXPECT_TRUE(eventually([&] { return isFiltered.load(); }));
+    EXPECT_TRUE(eventually([&] { return manager.getInterface("v1").getAlias() == "early"; }));
+    EXPECT_TRUE(mirrorsKernel(manager));
+    notify();
     run("bridge vlan add dev br0 vid 10 self 2>/dev/null; ip link set v1 mtu 1300");
     EXPECT_TRUE(eventually([&] { return manager.getInterface("v1").getMtu() == 1300; }));
     EXPECT_TRUE(mirrorsKernel(manager, 0s));
@@ -379,7 +391,7 @@ TEST_F(Mirror, TablesAreReadRarely)
     EXPECT_EQ(0, readWhile("ip link set v0 up; ip route add 10.4.0.0/16 dev w0 src 10.0.0.1"));
     EXPECT_EQ(0, readWhile("ip address delete 10.0.0.1/24 dev v0")); // and with it, silently, that route
     EXPECT_EQ(0, readWhile("ip link delete w0"));
-    EXPECT_EQ(started, test::openDescriptors());
+    EXPECT_GE(started + 2, test::openDescriptors()); // for readings, and for the end of a pass
     manager.reset();
     EXPECT_EQ(descriptors, test::openDescriptors());
 }

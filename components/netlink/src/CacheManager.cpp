@@ -181,7 +181,7 @@ void* CacheManager::cacheThread(void* arg)
     auto* const manager = static_cast<nl_cache_mngr*>(arg);
     CacheMirror& mirror = *CacheMirror::of(manager);
     pollfd record{nl_cache_mngr_get_fd(manager), POLLIN, 0};
-    int wait = mirror.untilDue();
+    int wait = handleWakeUp(manager, mirror, false);
     while (true) {
         int const n = pollCancellable(record, wait);
         TRACE_DEBUG3("got %d messages from netlink route event socket", n);

@@ -56,7 +56,7 @@ CacheMirror::~CacheMirror()
 int CacheMirror::allocate(nl_cache_mngr** manager, std::unique_ptr<CacheMirror>& mirror)
 {
     mirror.reset(new (std::nothrow) CacheMirror);
-    int result = mirror != nullptr ? mirror->open() : -NLE_NOMEM;
+    int result = mirror != nullptr ? mirror->events.open() : -NLE_NOMEM;
     result = result < 0 ? result : allocateManager(manager);
     result = result < 0 ? result : mirror->attach(*manager);
     if (result < 0) {
@@ -67,12 +67,6 @@ int CacheMirror::allocate(nl_cache_mngr** manager, std::unique_ptr<CacheMirror>&
         mirror.reset();
     }
     return result;
-}
-
-int CacheMirror::open()
-{
-    int const result = events.open();
-    return result < 0 ? result : reader.open();
 }
 
 int CacheMirror::attach(nl_cache_mngr* cacheManager)
@@ -120,12 +114,16 @@ void CacheMirror::begin(Caches const& filled) noexcept
 {
     caches = filled;
     bool const done = fitsInMemory([&] {
-        // A notification waits already: of an address, perhaps, that went between the fillings of the two caches, and
-        // of whose other routes the kernel tells nobody.
-        dirty.routes = caches.route != nullptr && (needsReading(caches.route) || !events.isEmpty());
+        dirty.routes = caches.route != nullptr && needsReading(caches.route);
         if (caches.addr != nullptr) {
             dropOtherFamilies(caches.addr);
             dirty.addresses = holdsAddressTwice(caches.addr);
+        }
+        // A notification that waits already may be of an address that went between the fillings of the two caches, and
+        // of whose other routes the kernel tells nobody. So all is read, and at once: if the thread's first wake() found
+        // it after a reading here, the thread would have to pause first.
+        if (dirty.routes || dirty.addresses || !events.isEmpty()) {
+            wake();
         }
         resync();
     });
@@ -141,8 +139,13 @@ void CacheMirror::begin(Caches const& filled) noexcept
 
 void CacheMirror::wake()
 {
-    std::lock_guard<std::mutex> const guard(busyMutex);
-    busy = true;
+    {
+        std::lock_guard<std::mutex> const guard(busyMutex);
+        busy = true;
+    }
+    if (events.attachFilters()) {
+        noteOverrun();
+    }
 }
 
 int CacheMirror::finish()

@@ -4,11 +4,12 @@
 #include "LockQueue.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <initializer_list>
 #include <netlink/errno.h>
 #include <netlink/netlink.h>
 #include <pthread.h>
-#include <sys/socket.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 namespace netlink_route {
@@ -21,11 +22,12 @@ namespace {
 pthread_rwlock_t provision = PTHREAD_RWLOCK_INITIALIZER;
 pthread_mutex_t turnstile = PTHREAD_MUTEX_INITIALIZER;
 
-// libnl 3.7 aborts when it can open only the first of the two sockets that a cache manager needs.
-int probeTwoSockets()
+// libnl 3.7 aborts when it can open only the first of the two sockets that a cache manager needs. So two other
+// descriptors are opened first, on trial.
+int probeTwoDescriptors()
 {
-    int const first = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
-    int const second = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+    int const first = eventfd(0, EFD_CLOEXEC);
+    int const second = first >= 0 ? fcntl(first, F_DUPFD_CLOEXEC, 0) : -1;
     int const result = second >= 0 ? 0 : -nl_syserr2nlerr(errno);
     for (int const descriptor : {first, second}) {
         if (descriptor >= 0) {
@@ -39,7 +41,7 @@ int probeTwoSockets()
 
 int allocateManager(nl_cache_mngr** manager)
 {
-    int const probe = probeTwoSockets();
+    int const probe = probeTwoDescriptors();
     return probe == 0 ? nl_cache_mngr_alloc(nullptr, NETLINK_ROUTE, NL_AUTO_PROVIDE, manager) : probe;
 }
 

@@ -61,18 +61,18 @@ int keepMessage(nl_msg* message, void* argument)
 
 } // namespace
 
-int KernelReader::open()
+int KernelReader::connect()
 {
-    socket.reset(nl_socket_alloc());
+    if (connected) {
+        return 0;
+    }
+    if (socket == nullptr) {
+        socket.reset(nl_socket_alloc());
+    }
     if (socket == nullptr) {
         return -NLE_NOMEM;
     }
     nl_socket_disable_auto_ack(socket.get()); // one answer for one request
-    return connect();
-}
-
-int KernelReader::connect()
-{
     int const result = nl_connect(socket.get(), NETLINK_ROUTE);
     if (result < 0) {
         return result;
@@ -86,11 +86,19 @@ int KernelReader::connect()
     return 0;
 }
 
-// Returns libnl's result. After a failure the rest of the answer may still arrive, so the socket is closed, and the
-// next request opens a new one. An unknown link (-NLE_NODEV) is a complete answer.
+// After a failure the rest of the answer may still arrive: the next request opens another socket.
+void KernelReader::disconnect()
+{
+    if (connected) {
+        nl_close(socket.get());
+        connected = false;
+    }
+}
+
+// Returns libnl's result. An unknown link (-NLE_NODEV) is a complete answer.
 int KernelReader::request(int type, int flags, void* body, std::size_t size, Objects& answer)
 {
-    int result = stopped ? -NLE_INTR : (connected ? 0 : connect());
+    int result = stopped ? -NLE_INTR : connect();
     if (result == 0) {
         Answer collected{answer, stopped};
         nl_socket_modify_cb(socket.get(), NL_CB_VALID, NL_CB_CUSTOM, keepMessage, &collected);
@@ -100,8 +108,7 @@ int KernelReader::request(int type, int flags, void* body, std::size_t size, Obj
         result = collected.complete ? result : -NLE_NOMEM;
     }
     if (result < 0 && result != -NLE_NODEV) {
-        nl_close(socket.get());
-        connected = false;
+        disconnect();
     }
     return result;
 }
@@ -149,7 +156,7 @@ std::optional<Objects> KernelReader::readRoutesOf(int link)
     } body;
     body.header.rtm_family = AF_INET;
     body.index = link;
-    return strict ? dump(RTM_GETROUTE, &body, sizeof body) : std::nullopt;
+    return connect() == 0 && strict ? dump(RTM_GETROUTE, &body, sizeof body) : std::nullopt;
 }
 
 bool KernelReader::mayHaveNexthopObjects()
@@ -161,14 +168,15 @@ bool KernelReader::mayHaveNexthopObjects()
         ++*static_cast<int*>(argument);
         return NL_OK;
     };
-    nl_socket_modify_cb(socket.get(), NL_CB_VALID, NL_CB_CUSTOM, countMessage, &count);
-    int result = connected ? 0 : connect();
-    result = result < 0 ? result : nl_send_simple(socket.get(), getNexthop, NLM_F_DUMP, body.data(), body.size());
-    result = result < 0 ? result : nl_recvmsgs_default(socket.get());
+    int result = connect();
+    if (result == 0) {
+        nl_socket_modify_cb(socket.get(), NL_CB_VALID, NL_CB_CUSTOM, countMessage, &count);
+        result = nl_send_simple(socket.get(), getNexthop, NLM_F_DUMP, body.data(), body.size());
+        result = result < 0 ? result : nl_recvmsgs_default(socket.get());
+    }
     bool const failed = result < 0 && result != -NLE_OPNOTSUPP; // before Linux 5.3 there are none
     if (failed) {
-        nl_close(socket.get());
-        connected = false;
+        disconnect();
     }
     return count > 0 || failed;
 }

@@ -13,16 +13,14 @@ namespace netlink_route {
 // What was read, in the kernel's order.
 using Objects = std::vector<ObjectPtr>;
 
-// Asks the kernel over a socket of its own, on which no notification arrives. One thread at a time; stop() from any.
+// Asks the kernel over a socket of its own, on which no notification arrives, and which the first request opens. One
+// thread at a time; stop() from any.
 //
 // A reading fails when the request cannot be sent or answered, when the tables changed so much during the dump that the
 // answer is not consistent, when memory runs out, or when stop() was called. It waits for the kernel's answer, and for
 // nothing else.
 class KernelReader {
 public:
-    // Returns libnl's result.
-    int open();
-
     // Ends the reading of the moment, and all later ones.
     void stop() { stopped = true; }
     bool isStopped() const { return stopped; }
@@ -46,6 +44,7 @@ public:
 
 private:
     int connect();
+    void disconnect();
     int request(int type, int flags, void* body, std::size_t size, Objects& answer);
     std::optional<Objects> dump(int type, void* body, std::size_t size);
 

@@ -82,12 +82,10 @@ EventSocket::~EventSocket()
 
 int EventSocket::open()
 {
-    empty = openSocket();
     notices = openSocket();
     sockaddr_nl local{}; // without an address of its own the kernel would not notify it
     local.nl_family = AF_NETLINK;
-    return resultOf(empty >= 0 && notices >= 0 &&
-                    bind(notices, reinterpret_cast<sockaddr const*>(&local), sizeof local) == 0);
+    return resultOf(notices >= 0 && bind(notices, reinterpret_cast<sockaddr const*>(&local), sizeof local) == 0);
 }
 
 int EventSocket::adopt(int libnlDescriptor)
@@ -95,14 +93,28 @@ int EventSocket::adopt(int libnlDescriptor)
     slot = libnlDescriptor;
     events = fcntl(slot, F_DUPFD_CLOEXEC, 0);
     enlargeReceiveBuffer(slot);
-    attachEventFilter(slot);
     joinGroups(slot);
     // Both sockets are in these groups. Here the event socket only wakes the event thread (libnl ignores the messages),
     // and takeNotices() reads them from `notices`. So they must be there first, and they are when `notices` joins last:
     // the kernel serves the member of a group that joined last before the others.
-    attachNoticesFilter(notices);
     joinGroups(notices);
     return resultOf(events >= 0);
+}
+
+bool EventSocket::attachFilters()
+{
+    if (filtered) {
+        return false;
+    }
+    filtered = true;
+    attachNoticesFilter(notices);
+    attachEventFilter(events);
+    bool any = false;
+    std::array<char, 1> start{};
+    while (recv(events, start.data(), start.size(), 0) >= 0 || errno == ENOBUFS) {
+        any = true;
+    }
+    return any;
 }
 
 bool EventSocket::isEmpty() const
@@ -113,7 +125,10 @@ bool EventSocket::isEmpty() const
 
 void EventSocket::replace()
 {
-    if (!replaced) {
+    if (empty < 0) {
+        empty = openSocket();
+    }
+    if (!replaced && empty >= 0) { // without a free descriptor the pass goes on
         putUnder(slot, empty);
         replaced = true;
     }
@@ -172,12 +187,15 @@ EventSocket::Notices EventSocket::takeNotices()
                 return result;
             }
             result.overrun = true;
-        } else if (message.header.nlmsg_type == RTM_NEWQDISC || message.header.nlmsg_type == RTM_DELQDISC) {
+            continue;
+        }
+        unsigned int const type = message.header.nlmsg_type & 0xFFFEU; // "deleted" is the number after "new"
+        if (type == RTM_NEWQDISC) {
             int const link = message.discipline.tcm_ifindex;
             if (result.newQdiscs.empty() || result.newQdiscs.back() != link) { // one for each queue
                 result.newQdiscs.push_back(link);
             }
-        } else {
+        } else if (type == newNexthop) {
             result.nexthops = true;
         }
     }

@@ -16,7 +16,6 @@ namespace netlink_route {
 //
 // Threading: isEmpty(), askForLink(), endRunningPass() and stop() may be called by any thread, the rest by the event
 // thread.
-// Every socket is open from open() and adopt() until destruction.
 class EventSocket {
 public:
     EventSocket() = default;
@@ -24,12 +23,16 @@ public:
     EventSocket(EventSocket const&) = delete;
     EventSocket& operator=(EventSocket const&) = delete;
 
-    // Opens the sockets that libnl does not need. Returns libnl's result.
+    // Opens the socket of the notices. Returns libnl's result.
     int open();
 
-    // Takes the descriptor of libnl's event socket, before the caches join their groups: enlarges its buffer, attaches
-    // the filter and joins the groups that libnl does not. Returns libnl's result.
+    // Takes the descriptor of libnl's event socket, before the caches join their groups: enlarges its buffer and joins
+    // the groups that libnl does not. Returns libnl's result.
     int adopt(int libnlDescriptor);
+
+    // The first call attaches the filters. What the event socket has received until then is not filtered, and is thrown
+    // away: true if there was any.
+    bool attachFilters();
 
     // Whether no notification waits.
     bool isEmpty() const;
@@ -62,8 +65,9 @@ private:
 
     int slot = -1;    // libnl's descriptor: the event socket, or the empty one while a pass is being ended
     int events = -1;  // the event socket
-    int empty = -1;   // receives nothing, ever
+    int empty = -1;   // receives nothing, ever; opened when it is needed first
     int notices = -1; // receives what none of the three caches holds
+    bool filtered = false;
     bool replaced = false;
     bool stopped = false;
 };
