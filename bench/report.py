@@ -14,7 +14,7 @@ MOST = {
     ("getListOfInterfaces", "10"): 1.3, ("getListOfInterfaces", "1000"): 1.3, ("getListOfInterfaces", "5000"): 1.3,
     ("start", "10 links"): 1.1, ("start", "1000 links"): 1.1, ("start", "20000 routes"): 1.1,
 }
-MOST_MEMORY = 1.05
+MOST_MEMORY = 1.05  # resident
 MOST_NANOSECONDS = {"closed log statement": 2}
 LEAST = {
     ("query", "3", "go"): 20, ("query", "3", "ndb"): 300, ("query", "1003", "go"): 100, ("query", "1003", "ndb"): 100,
@@ -66,9 +66,11 @@ def report_benchmarks(times):
 
 def report_memory(folder):
     for row in (folder / "memory.txt").read_text().splitlines():
-        objects, library, bare = row.split(";")
-        line("memory of a process", objects, "libnl", library + " KiB", bare + " KiB", f"{int(library) / int(bare):.2f}",
-             f"at most {MOST_MEMORY}")
+        objects, *measured = row.split(";")
+        kinds = zip(["resident memory of a process", "of it written by the process"], *(one.split() for one in measured))
+        for what, library, bare in kinds:
+            line(what, objects, "libnl", library + " KiB", bare + " KiB", f"{int(library) / int(bare):.2f}",
+                 f"at most {MOST_MEMORY}" if what.startswith("resident") else "")
 
 
 def report_peers(folder):

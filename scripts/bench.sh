@@ -45,7 +45,8 @@ ask_go() { "$scratch/ask" "$@"; }
 ask_ndb() { /usr/bin/python3 "$project/bench/peers/ask.py" "$@"; }
 ask_ip() { "$project/bench/peers/ask.sh" "$@"; }
 
-# footprint PROGRAM: KiB of private memory of a process that has read its caches, as scripts/test-armhf.sh measures it.
+# footprint PROGRAM: KiB of resident memory of a process that has read its caches, and of the pages among it that are its
+# own, which scripts/test-armhf.sh measures, too.
 footprint() {
     coproc measured { exec "$programs/$1"; }
     read -r _ <&"${measured[0]}" # started
@@ -53,7 +54,7 @@ footprint() {
     read -r _ <&"${measured[0]}" # running
     sleep 2
     # shellcheck disable=SC2154 # coproc sets it
-    awk '/^Anonymous:/ { print $2 }' "/proc/$measured_PID/smaps_rollup"
+    awk '/^Rss:|^Anonymous:/ { printf "%s ", $2 }' "/proc/$measured_PID/smaps_rollup"
     echo >&"${measured[1]}"
     # shellcheck disable=SC2154
     wait "$measured_PID"
