@@ -3,7 +3,6 @@
 #include "KernelNumbers.h"
 #include "SocketFilter.h"
 
-#include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/netlink.h>
@@ -110,9 +109,10 @@ bool EventSocket::attachFilters()
     attachNoticesFilter(notices);
     attachEventFilter(events);
     bool any = false;
-    std::array<char, 1> start{};
-    while (recv(events, start.data(), start.size(), 0) >= 0 || errno == ENOBUFS) {
-        any = true;
+    MessageStart message{};
+    ssize_t size = 0;
+    while ((size = recv(events, &message, sizeof message, 0)) >= 0 || errno == ENOBUFS) {
+        any = any || size < 0 || mayConcernCaches(message);
     }
     return any;
 }

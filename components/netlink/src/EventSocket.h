@@ -31,7 +31,7 @@ public:
     int adopt(int libnlDescriptor);
 
     // The first call attaches the filters. What the event socket has received until then is not filtered, and is thrown
-    // away: true if there was any.
+    // away. True: some of it may concern the caches.
     bool attachFilters();
 
     // Whether no notification waits.

@@ -91,6 +91,13 @@ void attachNoticesFilter(int descriptor)
     program.attach(descriptor);
 }
 
+bool mayConcernCaches(MessageStart const& message)
+{
+    unsigned int const type = message.header.nlmsg_type & 0xFFFEU; // "deleted" is the number after "new"
+    bool const isOfFamily = type == RTM_NEWLINK || type == RTM_NEWADDR || type == RTM_NEWROUTE;
+    return !isOfFamily || message.family == AF_UNSPEC || message.family == AF_INET;
+}
+
 void attachEventFilter(int descriptor)
 {
     Program program;
