@@ -87,7 +87,7 @@ void measure(long routes)
 {
     bench::enter(bench::makeRoutes, routes);
     bench::run("ip link add r type veth peer name s; ip link set s up; ip link set r up; "
-               "ip route add 40.0.0.0/24 dev r");
+               "ip route add 40.0.0.0/24 dev r; sleep 2"); // the kernel notifies a carrier up to a second late
     double const before = managerSeconds();
     CacheManager const manager;
     waitForQuiet();

@@ -1,10 +1,12 @@
 """Makes the table of ratios, and the numbers of the plot, from what scripts/bench.sh has measured.
 
-    report.py FOLDER    reads libnl.json, memory.txt and peers.txt in it, writes links.dat, routes.dat and peers.dat
+    report.py FOLDER    reads *.json, memory.txt and peers.txt in it, writes links.dat, routes.dat and peers.dat
 """
 import collections
+import itertools
 import json
 import pathlib
+import statistics
 import sys
 
 # The ratios that the library promises: to libnl at most, over the peers at least.
@@ -37,7 +39,8 @@ def duration(value):
 def read_benchmarks(folder):
     """Medians in microseconds: times[what][objects][who]. Of what only computes, the processor's time."""
     times = collections.defaultdict(lambda: collections.defaultdict(dict))
-    for run in json.loads((folder / "libnl.json").read_text())["benchmarks"]:
+    runs = (json.loads(path.read_text())["benchmarks"] for path in folder.glob("*.json"))
+    for run in itertools.chain(*runs):
         if run["aggregate_name"] == "median":
             what, objects, who, *clock = run["run_name"].split("/")
             times[what][objects][who] = run["real_time" if clock else "cpu_time"] / 1000
@@ -74,10 +77,11 @@ def report_memory(folder):
 
 
 def report_peers(folder):
-    times = collections.defaultdict(dict)
+    times = collections.defaultdict(lambda: collections.defaultdict(list))
     for row in (folder / "peers.txt").read_text().splitlines():
         links, peer, question, time = row.split()
-        times[question, links][peer] = float(time)
+        times[question, links][peer].append(float(time))
+    times = {key: {peer: statistics.median(row[peer]) for peer in row} for key, row in times.items()}
     for (question, links), row in times.items():
         for peer, name in PEERS.items():
             limit = LEAST.get((question, links, peer))

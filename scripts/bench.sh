@@ -29,12 +29,13 @@ make_links() {
     done | ip -batch -
 }
 
-# ask COUNT: asks everybody the two questions on a kernel with that many links. Names come in an order without locality.
+# ask COUNT: asks everybody the two questions on a kernel with that many links, three times by turns. Names come in an
+# order without locality.
 ask() {
     local names=(p) line peer
     make_links "$1"
     [[ $1 -le 3 ]] || mapfile -t names < <(seq -f 'm%g' "$(($1 - 3))" | shuf --random-source=<(yes))
-    for peer in library go ndb ip; do
+    for peer in {,,}{library,go,ndb,ip}; do
         "ask_$peer" "${names[@]}" | while read -r line; do
             echo "$1 $peer $line"
         done
@@ -66,6 +67,13 @@ memory() {
     seq "$2" | awk '{ print "route add 20." int($1 / 250) "." $1 % 250 ".0/24 via 10.200.0.2" }' | ip -batch -
     echo "$1 links, $2 routes;$(footprint netlink_route_footprint);$(footprint netlink_route_footprint_bare)"
 }
+
+# beside_libnl NAME FILTER REPETITIONS
+beside_libnl() {
+    confined 1200 "$programs/netlink_route_bench" --benchmark_filter="$2" --benchmark_repetitions="$3" \
+        --benchmark_min_time=0.1 --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true \
+        --benchmark_out="$results/$1.json" --benchmark_out_format=json >"$results/$1.txt" 2>&1
+}
 export -f make_links ask ask_library ask_go ask_ndb ask_ip footprint memory
 export programs project scratch
 
@@ -75,11 +83,13 @@ build release
 quietly "building the Go program" env GO111MODULE=off GOPATH=/usr/share/gocode GOCACHE="$scratch/go" \
     go build -o "$scratch/ask" bench/peers/ask.go
 mkdir -p "$results"
+rm -f "$results"/*.json
 
 say "measuring beside libnl"
-confined 1200 "$programs/netlink_route_bench" --benchmark_repetitions=9 --benchmark_min_time=0.1 \
-    --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true \
-    --benchmark_out="$results/libnl.json" --benchmark_out_format=json >"$results/libnl.txt" 2>&1
+beside_libnl start-10 '^start/10 links' 25 # each in a process of its own, as a program starts
+beside_libnl start-1000 '^start/1000 links' 9
+beside_libnl start-20000 '^start/20000 routes' 9
+beside_libnl others '-^start/' 9
 say "measuring memory"
 confined 60 memory 10 20 >"$results/memory.txt"
 confined 120 memory 1003 20000 >>"$results/memory.txt"
