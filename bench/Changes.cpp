@@ -11,6 +11,7 @@
 #include <chrono>
 #include <linux/netlink.h>
 #include <memory>
+#include <stdexcept>
 #include <sys/socket.h>
 
 namespace {
@@ -38,7 +39,9 @@ void keepSocketsOpen()
     local.nl_family = AF_NETLINK;
     for (static int count = 0; count < 64; ++count) {
         int const descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
-        bind(descriptor, reinterpret_cast<sockaddr const*>(&local), sizeof local);
+        if (bind(descriptor, reinterpret_cast<sockaddr const*>(&local), sizeof local) != 0) {
+            throw std::runtime_error("cannot open that many sockets");
+        }
     }
 }
 

@@ -146,9 +146,9 @@ void cacheThread(nl_cache_mngr* manager, CacheMirror& mirror)
     }
 }
 
-// One pass, if notifications have arrived, then the readings that are due. No second pass is needed at the end: what
-// has arrived meanwhile makes the next poll return at once, and leads to the kernel's state also when a reading has
-// shown it already.
+// At the start and after each poll: one pass, if notifications have arrived, then the readings that are due. No second
+// pass is needed at the end: what has arrived meanwhile makes the next poll return at once, and leads to the kernel's
+// state also when a reading has shown it already.
 //
 // Returns the milliseconds after which the thread must wake again, -1: only for notifications.
 [[gnu::noinline]] int handleWakeUp(nl_cache_mngr* manager, CacheMirror& mirror, bool hasEvents) noexcept

@@ -121,7 +121,7 @@ void CacheMirror::begin(Caches const& filled) noexcept
         }
         // A notification that waits already may be of an address that went between the fillings of the two caches, and
         // of whose other routes the kernel tells nobody. So all is read, and at once: if the thread's first wake() found
-        // it after a reading here, the thread would have to pause first.
+        // it after a reading here, the next reading would have to wait for its budget.
         if (dirty.routes || dirty.addresses || !events.isEmpty()) {
             wake();
         }
@@ -143,8 +143,12 @@ void CacheMirror::wake()
         std::lock_guard<std::mutex> const guard(busyMutex);
         busy = true;
     }
-    if (events.attachFilters()) {
-        noteOverrun();
+    if (!started) {
+        started = true;
+        reader.open();
+        if (events.attachFilters()) {
+            dirty.noteAll();
+        }
     }
 }
 
@@ -152,7 +156,7 @@ int CacheMirror::finish()
 {
     {
         std::lock_guard<std::mutex> const guard(busyMutex);
-        busy = false;
+        busy = dirty.links; // only a reading shows what was changed meanwhile
     }
     idle.notify_all();
     return untilDue();
@@ -210,7 +214,7 @@ void CacheMirror::takeNotices()
     dirty.routes = dirty.routes || notices.nexthops;
     bool complete = !notices.overrun;
     for (int const link : notices.newQdiscs) {
-        complete = events.askForLink(link) && complete;
+        complete = (dirty.links || events.askForLink(link)) && complete; // a reading shows it, too
     }
     if (!complete) {
         noteOverrun();
@@ -251,7 +255,7 @@ void CacheMirror::resync()
 
 bool CacheMirror::resyncLinks()
 {
-    if (!dirty.overrun || caches.link == nullptr) {
+    if (!dirty.links || caches.link == nullptr) {
         return true;
     }
     std::optional<Objects> fresh = reader.readLinks();

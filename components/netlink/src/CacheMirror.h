@@ -57,8 +57,8 @@ public:
     int untilDue() const { return dirty.untilDue(Clock::now()); }
 
     // The first and the last call at the start and after each poll: between them waitForEvents() waits. finish() returns
-    // untilDue(). The first wake() has the event socket filtered, which the constructor leaves to the thread: it takes a
-    // fifth of the time of a start.
+    // untilDue(). The first wake(), or begin(), opens the other sockets and attaches the filters, which would make a
+    // start a third longer.
     void wake();
     int finish();
 
@@ -105,13 +105,14 @@ private:
     KernelReader reader;
     DirtyTables dirty;
     std::atomic<bool> addressesInOrder{true};
+    bool started = false;        // wake() was called
     int changes = 0;             // that libnl has told of in this pass
     int expected = 0;            // objects in the caches: those before this pass, and what libnl has told since
     CacheMirror* next = nullptr; // in the registry
 
     std::mutex busyMutex;
     std::condition_variable idle;
-    bool busy = false; // from wake() to finish()
+    bool busy = false; // from wake() to finish(), and while all tables are dirty
 };
 
 } // namespace netlink_route

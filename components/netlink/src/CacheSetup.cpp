@@ -4,7 +4,6 @@
 #include "LockQueue.h"
 
 #include <cerrno>
-#include <fcntl.h>
 #include <initializer_list>
 #include <netlink/errno.h>
 #include <netlink/netlink.h>
@@ -27,7 +26,7 @@ pthread_mutex_t turnstile = PTHREAD_MUTEX_INITIALIZER;
 int probeTwoDescriptors()
 {
     int const first = eventfd(0, EFD_CLOEXEC);
-    int const second = first >= 0 ? fcntl(first, F_DUPFD_CLOEXEC, 0) : -1;
+    int const second = eventfd(0, EFD_CLOEXEC);
     int const result = second >= 0 ? 0 : -nl_syserr2nlerr(errno);
     for (int const descriptor : {first, second}) {
         if (descriptor >= 0) {

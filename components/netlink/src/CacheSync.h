@@ -13,14 +13,16 @@ namespace netlink_route {
 // What was read, in the kernel's order.
 using Objects = std::vector<ObjectPtr>;
 
-// Asks the kernel over a socket of its own, on which no notification arrives, and which the first request opens. One
-// thread at a time; stop() from any.
+// Asks the kernel over a socket of its own, on which no notification arrives. One thread at a time; stop() from any.
 //
 // A reading fails when the request cannot be sent or answered, when the tables changed so much during the dump that the
 // answer is not consistent, when memory runs out, or when stop() was called. It waits for the kernel's answer, and for
 // nothing else.
 class KernelReader {
 public:
+    // Opens the socket. Not needed: the first request does it, and each one after a failure.
+    void open() { connect(); }
+
     // Ends the reading of the moment, and all later ones.
     void stop() { stopped = true; }
     bool isStopped() const { return stopped; }

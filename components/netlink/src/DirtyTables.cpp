@@ -44,6 +44,12 @@ bool DirtyTables::isOneOfSeveral(rtnl_route* route) const
 void DirtyTables::noteOverrun()
 {
     overrun = true;
+    noteAll();
+}
+
+void DirtyTables::noteAll()
+{
+    links = true;
     addresses = true;
     routes = true;
 }
@@ -53,7 +59,7 @@ namespace {
 DirtyTables::Clock::time_point pauseAfter(std::chrono::nanoseconds cost, DirtyTables::Clock::time_point end,
                                           bool complete)
 {
-    constexpr std::chrono::milliseconds afterFailure{100}; // the cause may be gone by then
+    constexpr std::chrono::milliseconds afterFailure{10}; // the cause may be gone by then
     return end + std::max<std::chrono::nanoseconds>(9 * cost, complete ? std::chrono::nanoseconds(0) : afterFailure);
 }
 
@@ -64,6 +70,7 @@ void DirtyTables::noteTablesRead(std::chrono::nanoseconds cost, Clock::time_poin
     nextTables = pauseAfter(cost, end, complete);
     if (complete) {
         overrun = false;
+        links = false;
         addresses = std::exchange(addressesAfterwards, false);
         routes = std::exchange(routesAfterwards, false);
     }

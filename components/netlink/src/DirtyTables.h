@@ -49,8 +49,8 @@ private:
 };
 
 // Notifications keep the caches equal to the kernel's tables, but for these causes of difference:
-//   - An overrun: the event socket was full and the kernel dropped notifications, or libnl failed to apply one. All
-//     tables are dirty.
+//   - An overrun: the event socket was full and the kernel dropped notifications, or libnl failed to apply one; and what
+//     arrived before the event socket was filtered, which is thrown away. All tables are dirty.
 //   - Routes that the kernel drops without a notification: when a link of theirs goes down or away, when their
 //     preferred source address goes away, and when their nexthop object changes, goes away, or its link loses the
 //     carrier. The routes of these links and addresses are dirty; after a change of a nexthop object, all routes.
@@ -61,7 +61,7 @@ private:
 //   - A queueing discipline, which the kernel does not notify with its link. The link is asked for; if that fails, it is
 //     as after an overrun.
 //
-// Used by the event thread alone. The note functions are called from libnl's callback, and no exception may pass
+// Used by the event thread alone, and before it by the constructor. The note functions are called from libnl's callback, and no exception may pass
 // libnl's frames, so they allocate nothing.
 class DirtyTables {
 public:
@@ -73,6 +73,7 @@ public:
     void noteRoute(rtnl_route* route, int action);
 
     void noteOverrun();
+    void noteAll(); // all tables are dirty
 
     // A reading of the tables, or of the routes of some links, ended and cost that much processor time. Each of the two
     // kinds has a budget of its own: it pauses nine times as long as it took.
@@ -89,7 +90,8 @@ public:
     // The milliseconds until something is due, -1: nothing is dirty.
     int untilDue(Clock::time_point now) const;
 
-    bool overrun = false; // notifications are missing: no reading before the event socket has been read to its end
+    bool overrun = false; // the kernel drops notifications until the event socket has been read to its end
+    bool links = false;
     bool addresses = false;
     bool routes = false;
     NumberSet<int> routesOverLinks;               // the routes with a hop on one of these links
@@ -101,7 +103,7 @@ public:
     bool routesAfterwards = false;                // the same of all routes
 
 private:
-    bool tables() const { return overrun || addresses || routes; }
+    bool tables() const { return links || addresses || routes; }
     bool routesOfLinks() const { return !routesOverLinks.empty() || !routesFromAddresses.empty(); }
 
     Clock::time_point nextTables{}; // no reading before

@@ -93,21 +93,18 @@ int EventSocket::adopt(int libnlDescriptor)
     events = fcntl(slot, F_DUPFD_CLOEXEC, 0);
     enlargeReceiveBuffer(slot);
     joinGroups(slot);
-    // Both sockets are in these groups. Here the event socket only wakes the event thread (libnl ignores the messages),
-    // and takeNotices() reads them from `notices`. So they must be there first, and they are when `notices` joins last:
-    // the kernel serves the member of a group that joined last before the others.
-    joinGroups(notices);
     return resultOf(events >= 0);
 }
 
 bool EventSocket::attachFilters()
 {
-    if (filtered) {
-        return false;
-    }
-    filtered = true;
     attachNoticesFilter(notices);
     attachEventFilter(events);
+    // Both sockets are in these groups. Here the event socket only wakes the event thread (libnl ignores the messages),
+    // and takeNotices() reads them from `notices`. So they must be there first, and they are when `notices` joins last:
+    // the kernel serves the member of a group that joined last before the others. To join also waits until the kernel
+    // has delivered what it is delivering, perhaps unfiltered.
+    joinGroups(notices);
     bool any = false;
     MessageStart message{};
     ssize_t size = 0;
@@ -125,10 +122,7 @@ bool EventSocket::isEmpty() const
 
 void EventSocket::replace()
 {
-    if (empty < 0) {
-        empty = openSocket();
-    }
-    if (!replaced && empty >= 0) { // without a free descriptor the pass goes on
+    if (!replaced && empty >= 0) {
         putUnder(slot, empty);
         replaced = true;
     }
@@ -138,6 +132,9 @@ void EventSocket::beginPass()
 {
     std::lock_guard<std::mutex> const guard(passMutex);
     running = this;
+    if (empty < 0) { // without a free descriptor the pass cannot be ended early
+        empty = openSocket();
+    }
     if (stopped) {
         replace();
     }

@@ -15,7 +15,7 @@ namespace netlink_route {
 // libnl finds nothing more, and returns. A duplicate keeps the event socket open meanwhile, and serves all other uses.
 //
 // Threading: isEmpty(), askForLink(), endRunningPass() and stop() may be called by any thread, the rest by the event
-// thread.
+// thread, and before it by the constructor.
 class EventSocket {
 public:
     EventSocket() = default;
@@ -30,8 +30,8 @@ public:
     // the groups that libnl does not. Returns libnl's result.
     int adopt(int libnlDescriptor);
 
-    // The first call attaches the filters. What the event socket has received until then is not filtered, and is thrown
-    // away. True: some of it may concern the caches.
+    // Attaches the filters, and joins the groups with the socket of the notices. What the event socket has received
+    // until then is not filtered, and is thrown away. True: some of it may concern the caches.
     bool attachFilters();
 
     // Whether no notification waits.
@@ -65,9 +65,8 @@ private:
 
     int slot = -1;    // libnl's descriptor: the event socket, or the empty one while a pass is being ended
     int events = -1;  // the event socket
-    int empty = -1;   // receives nothing, ever; opened when it is needed first
+    int empty = -1;   // receives nothing, ever; opened before the first pass
     int notices = -1; // receives what none of the three caches holds
-    bool filtered = false;
     bool replaced = false;
     bool stopped = false;
 };
