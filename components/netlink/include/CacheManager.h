@@ -37,8 +37,9 @@ class CacheMirror;
 /// @par What queries see
 /// What a change did is seen by the queries that the same thread makes after it: a change that the kernel accepted
 /// waits, 100 ms at the most (an update with addresses does so twice), until the event thread has applied what the
-/// kernel had notified by then. Two exceptions: a change in another network namespace, and a kernel that others change
-/// without pause. What others do is seen when the kernel's notification has been applied, within milliseconds. Routes
+/// kernel had notified by then. Three exceptions: a change in another network namespace, a kernel that others change
+/// without pause, and, on a slow machine with many links, a change just after a start during which others changed
+/// something. What others do is seen when the kernel's notification has been applied, within milliseconds. Routes
 /// that the kernel drops without a notification, with a link that goes down for one, leave the caches a moment later.
 /// There is no callback: a program that must notice a change asks again from time to time, which costs microseconds.
 ///

@@ -57,8 +57,8 @@ public:
     int untilDue() const { return dirty.untilDue(Clock::now()); }
 
     // The first and the last call at the start and after each poll: between them waitForEvents() waits. finish() returns
-    // untilDue(). The first wake(), or begin(), opens the other sockets and attaches the filters, which would make a
-    // start a third longer.
+    // untilDue(). The first wake() opens the socket of the readings and attaches the filters. The event thread calls it,
+    // since it would make a start a third longer; begin() does when something must be read at once.
     void wake();
     int finish();
 

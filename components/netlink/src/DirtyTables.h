@@ -49,8 +49,9 @@ private:
 };
 
 // Notifications keep the caches equal to the kernel's tables, but for these causes of difference:
-//   - An overrun: the event socket was full and the kernel dropped notifications, or libnl failed to apply one; and what
-//     arrived before the event socket was filtered, which is thrown away. All tables are dirty.
+//   - An overrun: the event socket was full and the kernel dropped notifications, or libnl failed to apply one. All
+//     tables are dirty.
+//   - What arrived before the event socket was filtered, which is thrown away. All tables are dirty.
 //   - Routes that the kernel drops without a notification: when a link of theirs goes down or away, when their
 //     preferred source address goes away, and when their nexthop object changes, goes away, or its link loses the
 //     carrier. The routes of these links and addresses are dirty; after a change of a nexthop object, all routes.
@@ -61,8 +62,8 @@ private:
 //   - A queueing discipline, which the kernel does not notify with its link. The link is asked for; if that fails, it is
 //     as after an overrun.
 //
-// Used by the event thread alone, and before it by the constructor. The note functions are called from libnl's callback, and no exception may pass
-// libnl's frames, so they allocate nothing.
+// Used by the event thread alone, and before it by the constructor. The note functions are called from libnl's callback,
+// and no exception may pass libnl's frames, so they allocate nothing.
 class DirtyTables {
 public:
     using Clock = std::chrono::steady_clock;
