@@ -1,15 +1,28 @@
 #!/usr/bin/env bash
 # Measures the library beside what a user would take instead, in network namespaces made for it: libnl itself, the Go
-# netlink library, pyroute2's NDB and the command ip. Prints one table of ratios, how long queries wait in floods, what
-# readings cost and the machine code of a closed log statement, and draws doc/costs.svg.
+# netlink library, pyroute2's NDB and the command ip. Prints one table at the end, in which a row that misses what is
+# wanted is marked, and the last line counts these.
 #
-#     scripts/bench.sh
+#     scripts/bench.sh [PART...]
 #
-# It installs the Debian packages that are missing and builds build/release. Needs root, a quiet machine, and about
-# 10 minutes.
+#     start       a start and a stop, beside libnl
+#     queries     the queries and a closed log statement, with its machine code, beside libnl
+#     memory      what a process with one manager takes, beside libnl
+#     peers       a query beside few links and many, and an update beside many: beside Go, NDB and ip
+#     updates     updates on one processor and on two, back to back and with pauses, beside Go and libnl; and how often
+#                 updates have the kernel asked for a table
+#     boot        100 links brought from nothing to address and route, beside ip and Go: veth here, VLANs on the
+#                 user-mode kernel
+#     waits       how long queries wait in floods
+#     readings    what the readings of large tables cost
+#
+# Without a part it measures all of them, and draws doc/costs.svg. It installs the Debian packages that are missing and
+# builds build/release. Needs root, a quiet machine with two processors, and about 15 minutes for all.
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+# shellcheck source-path=SCRIPTDIR source=uml.sh
+source "$project/scripts/uml.sh"
 
 peer_packages=(golang-go golang-github-vishvananda-netlink-dev python3 python3-pyroute2 iproute2)
 programs=$project/build/release/bench
@@ -29,22 +42,48 @@ make_links() {
     done | ip -batch -
 }
 
-# ask COUNT: asks everybody the two questions on a kernel with that many links, three times by turns. Names come in an
-# order without locality.
+# ask TIMES "PEER..." QUESTION OBJECTS ARGUMENT...: asks each peer so often, by turns, and prints a row for each answer.
 ask() {
-    local names=(p) line peer
-    make_links "$1"
-    [[ $1 -le 3 ]] || mapfile -t names < <(seq -f 'm%g' "$(($1 - 3))" | shuf --random-source=<(yes))
-    for peer in {,,}{library,go,ndb,ip}; do
-        "ask_$peer" "${names[@]}" | while read -r line; do
-            echo "$1 $peer $line"
+    local times=$1 peers=$2 question=$3 objects=$4 peer answer
+    shift 4
+    for ((; times > 0; times--)); do
+        for peer in $peers; do
+            answer=$("ask_$peer" "$question" "$@")
+            echo "$question;$objects;$peer;$answer"
         done
     done
 }
 ask_library() { "$programs/netlink_route_ask" "$@"; }
+ask_libnl() { "$programs/netlink_route_ask" "$1-libnl" "${@:2}"; }
 ask_go() { "$scratch/ask" "$@"; }
 ask_ndb() { /usr/bin/python3 "$project/bench/peers/ask.py" "$@"; }
 ask_ip() { "$project/bench/peers/ask.sh" "$@"; }
+
+# Names come in an order without locality.
+ask_peers() {
+    local names
+    make_links "$1"
+    if [[ $1 -le 3 ]]; then
+        ask 3 "library go ndb ip" query "$1 links" p
+    else
+        mapfile -t names < <(seq -f 'm%g' "$(($1 - 3))" | shuf --random-source=<(yes))
+        ask 3 "library go ndb ip" query "$1 links" "${names[@]}"
+        ask 3 "library go ndb ip" update "$1 links" 0
+    fi
+}
+
+ask_updates() {
+    local processors pause
+    make_links 3
+    for processors in 0 0,1; do
+        taskset --cpu-list --pid "$processors" "$BASHPID" >/dev/null
+        for pause in 0 150; do
+            ask 5 "library go libnl" update "$(nproc) CPU, pause $pause us" "$pause"
+            ask 1 library readings "$(nproc) CPU, pause $pause us" "$pause"
+        done
+    done
+    ask 3 "library ndb ip" update "3 links" 0
+}
 
 # footprint PROGRAM: KiB of resident memory of a process that has read its caches, and of the pages among it that are its
 # own, which scripts/test-armhf.sh measures, too.
@@ -74,38 +113,69 @@ beside_libnl() {
         --benchmark_min_time=0.1 --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true \
         --benchmark_out="$results/$1.json" --benchmark_out_format=json >"$results/$1.txt" 2>&1
 }
-export -f make_links ask ask_library ask_go ask_ndb ask_ip footprint memory
+measure_start() { # each in a process of its own, as a program starts
+    beside_libnl start-10 '^start/10 links' 25
+    beside_libnl start-1000 '^start/1000 links' 9
+    beside_libnl start-20000 '^start/20000 routes' 9
+    beside_libnl stop '^stop/' 9
+}
+
+measure_queries() {
+    beside_libnl queries '-^(start|stop)/' 9
+    echo "A closed log statement (CacheManager::changeCb is one): three loads and the comparison"
+    objdump --disassemble --no-show-raw-insn --demangle build/release/components/netlink/libnetlink_route.so |
+        awk '/^[0-9a-f]+ <netlink_route::CacheManager::changeCb/ { inside = 1 } /^$/ { inside = 0 } inside'
+}
+
+measure_memory() {
+    confined 60 memory 10 20 >"$results/memory.txt"
+    confined 120 memory 1003 20000 >>"$results/memory.txt"
+}
+
+measure_peers() {
+    confined 120 ask_peers 3 >"$results/peers.txt"
+    confined 300 ask_peers 1003 >>"$results/peers.txt"
+}
+
+measure_updates() {
+    [[ $(nproc) -ge 2 ]] || die "updates are measured on two processors; here is one"
+    confined 300 ask_updates >"$results/updates.txt"
+}
+
+# The virtual kernel's only output is that of the command, with its errors.
+measure_boot() {
+    cp "$scratch/ask" "$results/ask" # there /tmp is empty
+    {
+        confined 300 bench/peers/boot.sh veth "$programs/netlink_route_ask" "$results/ask"
+        run_in_uml 300 bench/peers/boot.sh vlan "$programs/netlink_route_ask" "$results/ask" ||
+            say "NOT MEASURED: VLANs at boot"
+    } | awk '/^boot;/ { print; next } { print >"/dev/stderr" }' >"$results/boot.txt"
+}
+
+measure_waits() { confined 600 "$programs/netlink_route_waits" | tee "$results/waits"; }
+measure_readings() { confined 1200 "$programs/netlink_route_readings" | tee "$results/readings"; }
+
+export -f make_links ask ask_library ask_libnl ask_go ask_ndb ask_ip ask_peers ask_updates footprint memory
 export programs project scratch
 
+all=(start queries memory peers updates boot waits readings)
+[[ $# -gt 0 ]] || set -- "${all[@]}"
+for part in "$@"; do
+    [[ " ${all[*]} " == *" $part "* ]] || usage
+done
 require_namespaces
-install_missing "${build_packages[@]}" "${peer_packages[@]}" gnuplot-nox binutils
+install_missing "${build_packages[@]}" "${kernel_packages[@]}" "${peer_packages[@]}" gnuplot-nox binutils
 build release
 quietly "building the Go program" env GO111MODULE=off GOPATH=/usr/share/gocode GOCACHE="$scratch/go" \
     go build -o "$scratch/ask" bench/peers/ask.go
 mkdir -p "$results"
-rm -f "$results"/*.json
+rm -f "$results"/*
 
-say "measuring beside libnl"
-beside_libnl start-10 '^start/10 links' 25 # each in a process of its own, as a program starts
-beside_libnl start-1000 '^start/1000 links' 9
-beside_libnl start-20000 '^start/20000 routes' 9
-beside_libnl others '-^start/' 9
-say "measuring memory"
-confined 60 memory 10 20 >"$results/memory.txt"
-confined 120 memory 1003 20000 >>"$results/memory.txt"
-say "measuring beside the peers"
-confined 120 ask 3 >"$results/peers.txt"
-confined 300 ask 1003 >>"$results/peers.txt"
-
+for part in "$@"; do
+    say "measuring: $part"
+    "measure_$part"
+done
 /usr/bin/python3 bench/report.py "$results" | tee "$results/table.txt"
-mkdir -p doc
-gnuplot -e "folder='$results'" bench/costs.gnuplot >doc/costs.svg
-
-say "measuring the waits of queries"
-confined 600 "$programs/netlink_route_waits" | tee "$results/waits.txt"
-say "measuring readings"
-confined 1200 "$programs/netlink_route_readings" | tee "$results/readings.txt"
-
-echo "A closed log statement (CacheManager::changeCb is one): three loads and the comparison"
-objdump --disassemble --no-show-raw-insn --demangle build/release/components/netlink/libnetlink_route.so |
-    awk '/^[0-9a-f]+ <netlink_route::CacheManager::changeCb/ { inside = 1 } /^$/ { inside = 0 } inside'
+if [[ -e $results/peers.dat ]]; then
+    gnuplot -e "folder='$results'" bench/costs.gnuplot >doc/costs.svg
+fi

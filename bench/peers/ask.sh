@@ -1,14 +1,13 @@
 #!/usr/bin/env bash
-# The two questions of scripts/bench.sh, asked of the command ip.
+# Two questions of scripts/bench.sh (see Ask.cpp), asked of the command ip.
 set -euo pipefail
-names=("$@")
+question=$1 names=("${@:2}")
 
 now() { echo "${EPOCHREALTIME/[.,]/}"; } # microseconds
 
-# measure WHAT COMMAND...: repeats the command for a second, with a running number, and prints the median of its times.
+# measure COMMAND...: repeats the command for a second, with a running number, and prints the median of its times.
 measure() {
-    local what=$1 i=0 begin start times=()
-    shift
+    local i=0 begin start times=()
     begin=$(now)
     while [[ $(now) -lt $((begin + 1000000)) ]]; do
         start=$(now)
@@ -17,7 +16,7 @@ measure() {
         i=$((i + 1))
     done
     mapfile -t times < <(printf '%s\n' "${times[@]}" | sort -n)
-    echo "$what ${times[i / 2]}"
+    echo "${times[i / 2]}"
 }
 
 query() { ip -4 address show dev "${names[$1 % ${#names[@]}]}" >/dev/null; }
@@ -30,5 +29,4 @@ update() {
     [[ $found == *" mtu $((1400 + $1 % 2)) "*" 10.20$(($1 % 2)).0.1/24 "* ]]
 }
 
-measure query query
-measure update update
+measure "$question"
