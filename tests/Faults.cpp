@@ -44,7 +44,6 @@ std::string linkRequest;
 std::function<void()> actionBefore;
 std::function<void()> actionDuring;
 std::function<void()> passAction;
-std::function<void()> filterAction;
 
 template <typename Function>
 Function* next(char const* name)
@@ -116,14 +115,6 @@ ssize_t recvmsg(int descriptor, msghdr* message, int flags)
     return size;
 }
 
-int setsockopt(int descriptor, int level, int option, void const* value, socklen_t size) noexcept
-{
-    if (level == SOL_SOCKET && option == SO_ATTACH_FILTER) {
-        runOnce(filterAction);
-    }
-    return next<decltype(setsockopt)>("setsockopt")(descriptor, level, option, value, size);
-}
-
 int pthread_cancel(pthread_t thread)
 {
     test::cancelled = true;
@@ -190,8 +181,6 @@ void failAllocations(int first)
 void beforeReading(std::function<void()> action) { keep(actionBefore, std::move(action)); }
 
 void duringReading(std::function<void()> action) { keep(actionDuring, std::move(action)); }
-
-void beforeFilter(std::function<void()> action) { keep(filterAction, std::move(action)); }
 
 void duringPass(std::function<void()> action) { keep(passAction, std::move(action)); }
 

@@ -26,9 +26,6 @@ extern std::atomic<bool> hideRouteRemovals;
 void beforeReading(std::function<void()> action);
 void duringReading(std::function<void()> action);
 
-// The same just before the next filter is attached to a socket.
-void beforeFilter(std::function<void()> action);
-
 // The same in the middle of the next pass of libnl: when it puts the first object into a cache.
 void duringPass(std::function<void()> action);
 

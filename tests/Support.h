@@ -68,12 +68,13 @@ private:
     std::thread thread;
 };
 
-// Whether the manager's links, and the first address of each link and the first route to each destination, are the
-// kernel's within the time; else says what differs. Destinations are those that the kernel has had at such a look.
+// Whether the manager's links are the kernel's within the time, and what it answers as the address of a link and as the
+// route to a destination is one of the kernel's; else says what differs. Destinations are those that the kernel has had
+// at such a look.
 testing::AssertionResult mirrorsKernel(netlink_route::CacheManager const& manager,
                                        std::chrono::milliseconds time = std::chrono::milliseconds(1000));
 
-// The same, and whether it answers every query as a manager made now does, the promiscuity count aside: the kernel
+// The same, and whether it tells all about each link that a manager made now does, the promiscuity count aside: the kernel
 // notifies nobody of that.
 testing::AssertionResult answersAsNew(netlink_route::CacheManager const& manager,
                                       std::chrono::milliseconds time = std::chrono::milliseconds(1000));

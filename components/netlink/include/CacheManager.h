@@ -4,6 +4,7 @@
 #include "Address.h"
 #include "Export.h"
 #include "Interface.h"
+#include "MyLock.h"
 #include "Route.h"
 #include "RouteSocket.h"
 #include "Vlan.h"
@@ -27,6 +28,7 @@ struct rtnl_route;
 namespace netlink_route {
 
 class CacheMirror;
+class NoCancellation;
 
 /// Reads and changes the network configuration of the kernel.
 ///
@@ -36,12 +38,12 @@ class CacheMirror;
 ///
 /// @par What queries see
 /// What a change did is seen by the queries that the same thread makes after it: a change that the kernel accepted
-/// waits, 100 ms at the most (an update with addresses does so twice), until the event thread has applied what the
-/// kernel had notified by then. Three exceptions: a change in another network namespace, a kernel that others change
-/// without pause, and, on a slow machine with many links, a change just after a start during which others changed
-/// something. What others do is seen when the kernel's notification has been applied, within milliseconds. Routes
-/// that the kernel drops without a notification, with a link that goes down for one, leave the caches a moment later.
-/// There is no callback: a program that must notice a change asks again from time to time, which costs microseconds.
+/// waits until the event thread has applied what the kernel had notified by then (an update with addresses does so
+/// twice). Two exceptions: a change in another network namespace, and a kernel that others change without pause, so that
+/// a tenth of a second of the event thread's work, or one second at the very most, does not suffice. What others do is
+/// seen when the kernel's notification has been applied, within milliseconds. Routes that the kernel drops without a
+/// notification, with a link that goes down for one, leave the caches a moment later. There is no callback: a program
+/// that must notice a change asks again from time to time, which costs microseconds.
 ///
 /// @par Waiting
 /// Queries wait for one another and for a small part of a cache update in progress, never for the kernel. An update
@@ -52,27 +54,31 @@ class CacheMirror;
 /// Every operation may be called from any thread at any time between construction and destruction. Two updates at
 /// once are sent one after the other. The event thread blocks no signals, but for those that the thread that made the
 /// manager blocks: a signal whose handler runs there costs a line in the log. One whose handler runs in a thread that
-/// pauses ends the pause of that moment.
+/// pauses ends the pause of that moment. Only in these pauses of one second can a calling thread be cancelled
+/// (pthread_cancel).
 ///
 /// @par Failures
 /// Nothing throws on a failure of the kernel, and no error code is returned. A failure is told by false, by null, or by
 /// a value whose isAddedToKernel() is false, and its reason is in the log (TraceLevel.h), but for a name that is no
 /// VLAN's or, in a removal, empty. std::bad_alloc may be thrown. The constructor only logs: a manager that could not
-/// start answers "not found" to every query, and refuses every change.
+/// start answers "not found" to every query. Its changes are sent all the same; an update that shall be verified fails.
 ///
 /// @par Network namespaces
 /// Queries and updates concern the namespace of the thread that made the manager. Adding an address, and all removals,
 /// concern that of the calling thread. Call them from the same one.
 ///
 /// @par fork
-/// The event thread does not exist in the child. The child may destroy the manager, which does nothing there, or leave
-/// it; it must neither use it nor make one of its own, since locks that were held at the fork stay so. A program that it
-/// starts with `exec` may.
+/// The event thread does not exist in the child. The child may destroy the manager, which closes its descriptors there
+/// and does nothing else, or leave it; it must neither use it nor make one of its own, since locks that were held at the
+/// fork stay so. A program that it starts with `exec` may. While a child lives that does neither, it keeps the manager's
+/// sockets open, and the kernel goes on to queue notifications there, up to 16 MiB, also when the parent has destroyed
+/// the manager. One socket of libnl, on which nothing arrives, stays open in the child in any case.
 class NETLINK_ROUTE_API CacheManager {
 public:
-    /// Returns when the caches are filled.
+    /// Returns when the caches are filled. Does not wait for mutex_man.
     CacheManager();
-    /// Waits for the event thread's work of the moment. No other operation may be in progress.
+    /// Waits for the event thread's work of the moment, and if that thread waits for mutex_man, for its holder. No other
+    /// operation may be in progress.
     ~CacheManager();
     ///@{
 
@@ -84,9 +90,8 @@ public:
     /// @name Queries
     ///@{
 
-    /// The first IPv4 address of the link with that index, or none. The first is the kernel's: no secondary address
-    /// before a primary one, one of scope link before a global one, then the earliest created or promoted. The others
-    /// cannot be listed.
+    /// The first IPv4 address of the link with that index, or none. The first is that of the cache: of those that the
+    /// link had at the start the kernel's first, and those that came later stand behind. The others cannot be listed.
     std::vector<Address> getIps(int index) const;
 
     /// The link of that name with its first IPv4 address. Not found: isAddedToKernel() is false, and nothing
@@ -104,10 +109,10 @@ public:
     /// The names of all links, in the order of the cache.
     std::vector<std::string> getListOfInterfaces() const;
 
-    /// The IPv4 route to exactly that destination, prefix length included, that the kernel lists first: by table (its
-    /// number modulo 256, the local one last), then type of service from high to low, then metric from low to high.
-    /// The others cannot be listed, and no longest prefix is looked for. Not found, or no destination:
-    /// isAddedToKernel() is false, and the name is empty.
+    /// The first IPv4 route in the cache to exactly that destination, prefix length included; no longest prefix is looked
+    /// for. Of two routes to one destination, in two tables or with two metrics for instance, either may be the answer: at
+    /// the start the first is the kernel's, and later ones stand behind. The others cannot be listed. Not found, or no
+    /// destination: isAddedToKernel() is false, and the name is empty.
     Route getRoute(Address destination) const;
 
     ///@}
@@ -179,6 +184,8 @@ public:
     ///@}
 
     /// @name Conversions: from values to libnl's objects and back
+    /// Null is refused with an error in the log.
+    ///
     /// What a convertTo operation returns is the caller's to release with libnl's put function; null when it
     /// cannot be converted. What a generateFrom operation reads stays the caller's; an object of the manager's
     /// caches may only be read under mutex_man (MyLock.h).
@@ -215,20 +222,30 @@ public:
     ///@{
 
     /// Logs that a cache changed, and has the event thread read again what the change puts in question. The data is
-    /// the CacheManager.
+    /// the CacheManager; nothing but the line happens when it is null or does not run, when the cache is none of its three,
+    /// or without an object.
     static void changeCb(nl_cache* cache, nl_object* object, int action, void* data);
-    /// The event thread; its argument is the nl_cache_mngr. Never returns.
+    /// The event thread; its argument is the nl_cache_mngr. Never returns. With a cache manager that is not of a
+    /// CacheManager it only has libnl apply what arrives, under mutex_man.
     static void* cacheThread(void* arg);
 
     ///@}
 
 private:
     NETLINK_ROUTE_LOCAL void freeCaches();
+    NETLINK_ROUTE_LOCAL void abandon();
 
-    // Sends on routeSocket: a change of the link with that index or, with 0, its creation. Returns libnl's result.
+    // Returns libnl's result.
+    template <typename Send>
+    NETLINK_ROUTE_LOCAL int sendOnRouteSocket(Send send);
+
+    // Sends a change of the link with that index or, with 0, its creation. Returns libnl's result.
     NETLINK_ROUTE_LOCAL int sendLink(rtnl_link* link, std::string const& name, int index);
 
-    // The public operations of these names, which wait afterwards until the caches show the change.
+    // Waits until the caches show what was changed, if there are caches.
+    NETLINK_ROUTE_LOCAL void waitForEvents() const;
+
+    // The public operations of these names, with or without that wait.
     NETLINK_ROUTE_LOCAL bool add(Address const& address, int index, bool wait);
     NETLINK_ROUTE_LOCAL bool remove(Address const& address, int index, bool wait);
 
@@ -237,7 +254,7 @@ private:
 
     // The second half of the update of a VLAN: waits until the caches show it as wanted, and sets its addresses.
     // `found` is the VLAN as it was before. The function has the name that its log lines must show.
-    NETLINK_ROUTE_LOCAL bool update(Vlan const& vlan, Vlan found, int tries);
+    NETLINK_ROUTE_LOCAL bool update(Vlan const& vlan, Vlan found, int tries, NoCancellation const& guard);
 
     nl_cache_mngr* mngr = nullptr;
     RouteSocket routeSocket;

@@ -44,7 +44,8 @@ private:
 
 /// @relates netlink_route::Vlan
 /// Whether both are equal as Interfaces and have the same VLAN index, where 0 on either side matches anything.
-/// There is no operator!= of two Vlans: != compares them as Interfaces.
+/// There is no operator!= of two Vlans: in C++17 `a != b` compares them as Interfaces; in C++20, which makes it of
+/// operator==, the VLAN index counts.
 NETLINK_ROUTE_API bool operator==(Vlan const& lhs, Vlan const& rhs);
 
 } // namespace netlink_route

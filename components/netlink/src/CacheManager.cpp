@@ -6,15 +6,16 @@
 #include "CacheMirror.h"
 #include "CacheSearch.h"
 #include "CacheSetup.h"
+#include "Cancellation.h"
 #include "LinkRequest.h"
 #include "LockQueue.h"
-#include "Memory.h"
 #include "MyLock.h"
 #include "NetlinkPtr.h"
 #include "Trace.h"
 
 #include <array>
 #include <bitset>
+#include <cerrno>
 #include <linux/if.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -34,6 +35,7 @@ namespace netlink_route {
 
 MyLock::MyLock(std::string why) : reason(std::move(why))
 {
+    NoCancellation const guard;
     TRACE_DEBUG3("try locking mutex because %s", reason.c_str());
     lockMutexMan();
     TRACE_DEBUG3("mutex locked because %s", reason.c_str());
@@ -41,6 +43,7 @@ MyLock::MyLock(std::string why) : reason(std::move(why))
 
 MyLock::~MyLock()
 {
+    NoCancellation const guard;
     TRACE_DEBUG3("unlocking mutex because %s", reason.c_str());
     pthread_mutex_unlock(&mutex_man);
 }
@@ -49,6 +52,7 @@ MyLock::~MyLock()
 
 CacheManager::CacheManager() : process(getpid())
 {
+    NoCancellation const guard;
     TRACE_DEBUG1("cache route link initializing at pointer %p", static_cast<void*>(this));
     int result = CacheMirror::allocate(&mngr, mirror);
     if (result < 0) {
@@ -80,7 +84,9 @@ CacheManager::CacheManager() : process(getpid())
         mirror->begin({linkCache, routeCache, addrCache});
         thread = pthread_create(&thread, nullptr, cacheThread, mngr) == 0 ? thread : 0;
     }
-    if (thread == 0) { // better no answers than answers that grow old
+    if (thread != 0) {
+        mirror->setThread(thread);
+    } else { // better no answers than answers that grow old
         freeCaches();
     }
     TRACE_DEBUG2("cache route link init done");
@@ -88,9 +94,9 @@ CacheManager::CacheManager() : process(getpid())
 
 CacheManager::~CacheManager()
 {
+    NoCancellation const guard;
     if (getpid() != process) {
-        // After fork: the event thread stayed in the other process, perhaps in the middle of a change of the caches.
-        static_cast<void>(mirror.release());
+        abandon();
         return;
     }
     if (thread != 0) {
@@ -113,6 +119,17 @@ void CacheManager::freeCaches()
     mirror.reset();
 }
 
+// In the child of a fork the event thread does not exist: it stayed in the other process, perhaps in the middle of a
+// change of the caches, and any lock may be held for ever. So nothing is freed.
+void CacheManager::abandon()
+{
+    routeSocket.abandon();
+    if (mirror != nullptr) {
+        mirror->abandon();
+        static_cast<void>(mirror.release());
+    }
+}
+
 // ---- Event thread ----
 
 namespace {
@@ -131,40 +148,24 @@ int pollCancellable(pollfd& record, int milliseconds)
     return result;
 }
 
-// One pass: libnl reads the event socket until it is empty, or until a waiting query ends the pass, and applies the
-// notifications to the caches. The function has the name that its log line must show.
-void cacheThread(nl_cache_mngr* manager, CacheMirror& mirror)
+// One pass, of libnl alone when the cache manager is not one of a CacheManager. The function has the name that its log
+// line must show.
+void cacheThread(nl_cache_mngr* manager, CacheMirror* mirror)
 {
-    ParsingAllowed const allowed;
-    letWaitersGo();
     MyLock const lock("nl_cache_mngr_data_ready");
-    mirror.beginPass();
-    int const result = nl_cache_mngr_data_ready(manager);
-    mirror.endPass(result);
+    int const result = mirror != nullptr ? mirror->apply() : nl_cache_mngr_data_ready(manager);
     if (result < 0) {
         TRACE_ERROR("%s", nl_geterror(-result));
     }
 }
 
-// At the start and after each poll: one pass, if notifications have arrived, then the readings that are due. No second
-// pass is needed at the end: what has arrived meanwhile makes the next poll return at once, and leads to the kernel's
-// state also when a reading has shown it already.
-//
-// Returns the milliseconds after which the thread must wake again, -1: only for notifications.
-[[gnu::noinline]] int handleWakeUp(nl_cache_mngr* manager, CacheMirror& mirror, bool hasEvents) noexcept
+[[gnu::noinline]] void handleWakeUp(nl_cache_mngr* manager, CacheMirror* mirror, bool hasArrived) noexcept
 {
-    mirror.wake();
-    bool const done = fitsInMemory([&] {
-        if (hasEvents) {
-            cacheThread(manager, mirror);
-        }
-        mirror.resync();
-    });
-    if (!done) {
-        mirror.noteOverrun();
-        usleep(10000); // what is queued would wake the thread again at once
+    if (mirror != nullptr) {
+        mirror->takeTurn(hasArrived, [](CacheMirror& own) { cacheThread(nullptr, &own); });
+    } else if (hasArrived) {
+        cacheThread(manager, nullptr);
     }
-    return mirror.finish();
 }
 
 } // namespace
@@ -172,25 +173,26 @@ void cacheThread(nl_cache_mngr* manager, CacheMirror& mirror)
 void CacheManager::changeCb(nl_cache* cache, nl_object* object, int action, void* data)
 {
     TRACE_DEBUG2("cache type callback!");
-    static_cast<CacheManager*>(data)->mirror->noteChange(cache, object, action);
+    auto* const manager = static_cast<CacheManager*>(data);
+    if (manager != nullptr && manager->mirror != nullptr) {
+        manager->mirror->noteChange(cache, object, action);
+    }
 }
 
 void* CacheManager::cacheThread(void* arg)
 {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     auto* const manager = static_cast<nl_cache_mngr*>(arg);
-    CacheMirror& mirror = *CacheMirror::of(manager);
+    CacheMirror* const mirror = CacheMirror::of(manager);
     pollfd record{nl_cache_mngr_get_fd(manager), POLLIN, 0};
-    int wait = handleWakeUp(manager, mirror, false);
     while (true) {
-        int const n = pollCancellable(record, wait);
+        int const n = pollCancellable(record, mirror != nullptr ? mirror->untilDue() : -1);
         TRACE_DEBUG3("got %d messages from netlink route event socket", n);
         if (n < 0) {
             TRACE_ERROR("got %d error when trying to poll!", n);
-            wait = mirror.untilDue();
             continue;
         }
-        wait = handleWakeUp(manager, mirror, n > 0);
+        handleWakeUp(manager, mirror, n > 0);
     }
 }
 
@@ -256,7 +258,10 @@ Address CacheManager::generateFromAddress(nl_addr* address)
     return {text.data(), typeOf(family)};
 }
 
-void CacheManager::convertToLinkCommonHelper(rtnl_link* link, Interface const& interface)
+namespace {
+
+// Writes what the interface gives into the link, but for a MAC or broadcast address that the current one has already.
+void fillLink(rtnl_link* link, Interface const& interface, Interface const& current)
 {
     auto const setNumber = [link](void (*set)(rtnl_link*, unsigned int), unsigned int value) {
         if (value != 0) {
@@ -265,12 +270,14 @@ void CacheManager::convertToLinkCommonHelper(rtnl_link* link, Interface const& i
     };
     rtnl_link_set_name(link, interface.getName().c_str());
     setNumber(rtnl_link_set_group, interface.getGroup());
-    if (NlAddrPtr const mac(convertToAddress(interface.getMac())); mac != nullptr) {
-        rtnl_link_set_addr(link, mac.get());
-    }
-    if (NlAddrPtr const broadcast(convertToAddress(interface.getBroadcast())); broadcast != nullptr) {
-        rtnl_link_set_broadcast(link, broadcast.get());
-    }
+    auto const setMac = [link](void (*set)(rtnl_link*, nl_addr*), Address const& address, Address const& known) {
+        NlAddrPtr const mac(CacheManager::convertToAddress(address));
+        if (mac != nullptr && !isSameMac(mac.get(), known)) {
+            set(link, mac.get());
+        }
+    };
+    setMac(rtnl_link_set_addr, interface.getMac(), current.getMac());
+    setMac(rtnl_link_set_broadcast, interface.getBroadcast(), current.getBroadcast());
     setNumber(rtnl_link_set_mtu, interface.getMtu());
     setNumber(rtnl_link_set_txqlen, interface.getTxQueueLength());
     if (std::string const alias = interface.getAlias(); !alias.empty()) {
@@ -291,27 +298,49 @@ void CacheManager::convertToLinkCommonHelper(rtnl_link* link, Interface const& i
     }
 }
 
-rtnl_link* CacheManager::convertToLink(Interface const& interface)
+LinkPtr makeLink(Interface const& interface, Interface const& current)
 {
     LinkPtr link(rtnl_link_alloc());
     if (link != nullptr) {
-        convertToLinkCommonHelper(link.get(), interface);
+        fillLink(link.get(), interface, current);
     }
-    return link.release();
+    return link;
 }
 
-rtnl_link* CacheManager::convertToLink(Vlan const& vlan)
+LinkPtr makeLink(Vlan const& vlan, Vlan const& current)
 {
     LinkPtr link(rtnl_link_vlan_alloc());
     if (link != nullptr) {
         rtnl_link_vlan_set_id(link.get(), static_cast<uint16_t>(vlan.getVlanIndex()));
-        convertToLinkCommonHelper(link.get(), vlan);
+        fillLink(link.get(), vlan, current);
     }
-    return link.release();
+    return link;
 }
+
+} // namespace
+
+void CacheManager::convertToLinkCommonHelper(rtnl_link* link, Interface const& interface)
+{
+    if (link == nullptr) {
+        TRACE_ERROR("null pointer!");
+        return;
+    }
+    fillLink(link, interface, Interface(""));
+}
+
+rtnl_link* CacheManager::convertToLink(Interface const& interface)
+{
+    return makeLink(interface, Interface("")).release();
+}
+
+rtnl_link* CacheManager::convertToLink(Vlan const& vlan) { return makeLink(vlan, Vlan("")).release(); }
 
 void CacheManager::generateFromLinkCommonHelper(Interface& interface, rtnl_link* link)
 {
+    if (link == nullptr) {
+        TRACE_ERROR("null pointer!");
+        return;
+    }
     interface.setIndex(rtnl_link_get_ifindex(link));
     interface.setGroup(rtnl_link_get_group(link));
     if (nl_addr* const mac = rtnl_link_get_addr(link); mac != nullptr) {
@@ -355,7 +384,7 @@ Vlan CacheManager::generateFromLinkVlan(std::string name, rtnl_link* link)
     generateFromLinkCommonHelper(vlan, link);
     // The getter is not called for other links: depending on how libnl was built, it returns this error there, or
     // aborts the program, as Debian's does.
-    bool const isVlan = rtnl_link_is_vlan(link) != 0;
+    bool const isVlan = link != nullptr && rtnl_link_is_vlan(link) != 0;
     vlan.setVlanIndex(isVlan ? rtnl_link_vlan_get_id(link) : -NLE_OPNOTSUPP);
     return vlan;
 }
@@ -470,9 +499,10 @@ Route CacheManager::generateFromRoute(rtnl_route* found)
 
 std::vector<Address> CacheManager::getIps(int index) const
 {
+    NoCancellation const guard;
     MyLock const lock("CacheManager::getIps");
     std::vector<Address> result;
-    AddrPtr const found = findIpv4(addrCache, index, mirror == nullptr || mirror->areAddressesInOrder());
+    AddrPtr const found = findIpv4(addrCache, index);
     if (found != nullptr) {
         result.push_back(generateFromAddress(rtnl_addr_get_local(found.get())));
     } else {
@@ -483,6 +513,7 @@ std::vector<Address> CacheManager::getIps(int index) const
 
 Interface CacheManager::getInterface(std::string name) const
 {
+    NoCancellation const guard;
     Interface result(name);
     {
         MyLock const lock("getInterface");
@@ -503,6 +534,7 @@ Interface CacheManager::getInterface(std::string name) const
 
 Vlan CacheManager::getVlan(std::string name) const
 {
+    NoCancellation const guard;
     Vlan result(name);
     {
         MyLock const lock("getVlan");
@@ -523,12 +555,14 @@ Vlan CacheManager::getVlan(std::string name) const
 
 std::vector<std::string> CacheManager::getListOfInterfaces() const
 {
+    NoCancellation const guard;
     MyLock const lock("getListOfInterfaces");
     return linkNames(linkCache);
 }
 
 Route CacheManager::getRoute(Address destination) const
 {
+    NoCancellation const guard;
     MyLock const lock("getRoute");
     NlAddrPtr const address(convertToAddress(destination));
     if (address == nullptr) {
@@ -549,39 +583,64 @@ Route CacheManager::getRoute(Address destination) const
 
 namespace {
 
-// Sends a request, and returns libnl's result. Without a mirror the manager could not start, and nothing is sent.
+// Sends a request, and returns libnl's result.
 template <typename Send>
-int sendOn(RouteSocket& socket, CacheMirror* mirror, Send send)
+int sendOn(RouteSocket& socket, Send send)
 {
-    bool const able = mirror != nullptr && socket.getSocket() != nullptr;
-    return able ? send(socket.getSocket()) : -NLE_BAD_SOCK;
+    return socket.getSocket() != nullptr ? send(socket.getSocket()) : -NLE_BAD_SOCK;
 }
 
 // One request on a socket that exists for it alone, and is closed on return.
 template <typename Send>
-int sendOnce(CacheMirror* mirror, Send send)
+int sendOnce(Send send)
 {
     RouteSocket socket;
-    return sendOn(socket, mirror, send);
+    return sendOn(socket, send);
+}
+
+// What a request that was interrupted has left in the socket would be taken for the answer to the next one.
+void dropOldAnswers(nl_sock* socket)
+{
+    char first = 0;
+    while (recv(nl_socket_get_fd(socket), &first, sizeof first, MSG_DONTWAIT) >= 0 || errno == ENOBUFS) {
+    }
 }
 
 } // namespace
 
+template <typename Send>
+int CacheManager::sendOnRouteSocket(Send send)
+{
+    std::lock_guard<std::mutex> const guard(requestMutex);
+    return sendOn(routeSocket, [&](nl_sock* socket) {
+        dropOldAnswers(socket);
+        return send(socket);
+    });
+}
+
+void CacheManager::waitForEvents() const
+{
+    if (mirror != nullptr) {
+        mirror->waitForEvents();
+    }
+}
+
 bool CacheManager::add(Address const& address, int index, bool wait)
 {
+    NoCancellation const guard;
     AddrPtr const object(convertToAddress(address, index));
     if (object == nullptr) {
         TRACE_ERROR("add failed of address");
         return false;
     }
-    int const result = sendOnce(mirror.get(), [&](nl_sock* socket) { return rtnl_addr_add(socket, object.get(), 0); });
+    int const result = sendOnce([&](nl_sock* socket) { return rtnl_addr_add(socket, object.get(), 0); });
     if (result < 0) {
         TRACE_ERROR("failure %s when adding address %s to index %i!", nl_geterror(-result), address.toString().c_str(),
                     index);
         return false;
     }
     if (wait) {
-        mirror->waitForEvents();
+        waitForEvents();
     }
     TRACE_DEBUG1("adding address %s to index %i success!", address.toString().c_str(), index);
     return true;
@@ -589,19 +648,19 @@ bool CacheManager::add(Address const& address, int index, bool wait)
 
 bool CacheManager::remove(Address const& address, int index, bool wait)
 {
+    NoCancellation const guard;
     AddrPtr const object(convertToAddress(address, index));
     if (object == nullptr) {
         TRACE_ERROR("remove failed of address");
         return false;
     }
-    int const result =
-        sendOnce(mirror.get(), [&](nl_sock* socket) { return rtnl_addr_delete(socket, object.get(), 0); });
+    int const result = sendOnce([&](nl_sock* socket) { return rtnl_addr_delete(socket, object.get(), 0); });
     if (result != 0) {
         TRACE_ERROR("delete failed with %s for address %s", nl_geterror(-result), address.toString().c_str());
         return false;
     }
     if (wait) {
-        mirror->waitForEvents();
+        waitForEvents();
     }
     return true;
 }
@@ -617,13 +676,13 @@ namespace {
 // Compares up to `tries` times; after each failed comparison it waits one second and calls `reread`. With a negative
 // number it is true without a comparison, with 0 false.
 template <typename Matches, typename Reread>
-bool waitUntil(int tries, Matches matches, Reread reread)
+bool waitUntil(int tries, NoCancellation const& guard, Matches matches, Reread reread)
 {
     for (int attempt = 0; attempt < tries; ++attempt) {
         if (matches()) {
             return true;
         }
-        sleep(1);
+        guard.pause();
         reread();
     }
     return tries < 0;
@@ -639,7 +698,7 @@ void CacheManager::replaceIps(int index, Interface const& wanted)
     for (Address const& ip : wanted.getIps()) {
         add(ip, index, false);
     }
-    mirror->waitForEvents();
+    waitForEvents();
 }
 
 int CacheManager::sendLink(rtnl_link* link, std::string const& name, int index)
@@ -653,21 +712,23 @@ int CacheManager::sendLink(rtnl_link* link, std::string const& name, int index)
     if (index != 0 && rtnl_link_get_group(link) != 0) {
         rtnl_link_set_ifindex(link, index);
     }
-    {
-        std::lock_guard<std::mutex> const guard(requestMutex);
-        result = sendOn(routeSocket, mirror.get(), [&](nl_sock* socket) {
-            return index != 0 ? rtnl_link_change(socket, link, link, 0) : rtnl_link_add(socket, link, NLM_F_CREATE);
-        });
+    result = sendOnRouteSocket([&](nl_sock* socket) {
+        return index != 0 ? rtnl_link_change(socket, link, link, 0) : rtnl_link_add(socket, link, NLM_F_CREATE);
+    });
+    if (result < 0) {
+        return result;
     }
-    if (result >= 0) {
-        mirror->askForLink(name); // the kernel notifies nobody of some changes of a link that is down
-        mirror->waitForEvents();
+    bool const isUp = (rtnl_link_get_flags(link) & IFF_UP) != 0;
+    if (!isUp && mirror != nullptr) { // the kernel notifies nobody of some changes of a link that is down
+        mirror->askForLink(name);
     }
+    waitForEvents();
     return result;
 }
 
 bool CacheManager::update(Interface const& interface, int tries)
 {
+    NoCancellation const guard;
     TRACE_DEBUG2("update start with interface %s", interface.toString().c_str());
     std::string const name = interface.getName();
     Interface const current = getInterface(name);
@@ -675,9 +736,7 @@ bool CacheManager::update(Interface const& interface, int tries)
     if (!exists) {
         TRACE_DEBUG1("interface with name %s was not yet added", name.c_str());
     }
-    Interface sent = interface;
-    leaveOutKnownAddresses(sent, current);
-    LinkPtr const link(convertToLink(sent));
+    LinkPtr const link = makeLink(interface, current);
     int const result = sendLink(link.get(), name, current.getIndex());
     if (result != 0 && exists) {
         TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result), interface.getIndex(),
@@ -692,7 +751,7 @@ bool CacheManager::update(Interface const& interface, int tries)
     Interface found = getInterface(name);
     auto const reread = [&] { found = getInterface(name); };
     if (!waitUntil(
-            tries, [&] { return found.getIndex() != 0 && !(interface != found); }, reread)) {
+            tries, guard, [&] { return found.getIndex() != 0 && !(interface != found); }, reread)) {
         TRACE_ERROR("update failed because expected interface not found");
         TRACE_ERROR("last found Interface %s", found.toString().c_str());
         return false;
@@ -703,7 +762,7 @@ bool CacheManager::update(Interface const& interface, int tries)
     replaceIps(found.getIndex(), interface);
     reread();
     if (!waitUntil(
-            tries, [&] { return hasSameIps(found, interface); }, reread)) {
+            tries, guard, [&] { return hasSameIps(found, interface); }, reread)) {
         TRACE_ERROR("update failed because expected ips not found");
         TRACE_ERROR("last found interface %s", found.toString().c_str());
         return false;
@@ -713,6 +772,7 @@ bool CacheManager::update(Interface const& interface, int tries)
 
 bool CacheManager::remove(Interface const& interface)
 {
+    NoCancellation const guard;
     std::string const name = interface.getName();
     if (name.empty()) {
         return false;
@@ -721,13 +781,13 @@ bool CacheManager::remove(Interface const& interface)
     int result = checkLink(link.get(), name);
     if (result == 0) {
         rtnl_link_set_name(link.get(), name.c_str());
-        result = sendOnce(mirror.get(), [&](nl_sock* socket) { return rtnl_link_delete(socket, link.get()); });
+        result = sendOnce([&](nl_sock* socket) { return rtnl_link_delete(socket, link.get()); });
     }
     if (result != 0) {
         TRACE_ERROR("delete failed with %s for %s", nl_geterror(-result), name.c_str());
         return false;
     }
-    mirror->waitForEvents();
+    waitForEvents();
     return true;
 }
 
@@ -735,6 +795,7 @@ bool CacheManager::remove(Interface const& interface)
 
 bool CacheManager::update(Vlan const& vlan, int tries)
 {
+    NoCancellation const guard;
     TRACE_DEBUG2("update start with vlan %s", vlan.toString().c_str());
     std::string const name = vlan.getName();
     auto const dot = name.find('.');
@@ -756,9 +817,7 @@ bool CacheManager::update(Vlan const& vlan, int tries)
     if (!exists) {
         TRACE_DEBUG1("vlan with name %s was not yet added", name.c_str());
     }
-    Vlan sent = vlan;
-    leaveOutKnownAddresses(sent, current);
-    LinkPtr const link(convertToLink(sent));
+    LinkPtr const link = makeLink(vlan, current);
     if (!exists && link != nullptr) {
         rtnl_link_set_link(link.get(), parent.getIndex());
     }
@@ -773,17 +832,17 @@ bool CacheManager::update(Vlan const& vlan, int tries)
                     name.c_str());
         return false;
     }
-    return update(vlan, current, tries);
+    return update(vlan, current, tries, guard);
 }
 
-bool CacheManager::update(Vlan const& vlan, Vlan found, int tries)
+bool CacheManager::update(Vlan const& vlan, Vlan found, int tries, NoCancellation const& guard)
 {
     std::string const name = vlan.getName();
     auto const isAsWanted = [&] {
         found = getVlan(name);
         return found.getIndex() != 0 && vlan == found;
     };
-    if (!waitUntil(tries, isAsWanted, [] {})) {
+    if (!waitUntil(tries, guard, isAsWanted, [] {})) {
         TRACE_ERROR("update failed because expected vlan not found");
         TRACE_ERROR("last found vlan %s", found.toString().c_str());
         return false;
@@ -799,7 +858,7 @@ bool CacheManager::update(Vlan const& vlan, Vlan found, int tries)
         if (hasSameIps(found, vlan)) {
             return true;
         }
-        sleep(1);
+        guard.pause();
         found = getVlan(name);
         TRACE_DEBUG1("vlan test2 has index id %i", found.getIndex());
     }
@@ -813,6 +872,7 @@ bool CacheManager::update(Vlan const& vlan, Vlan found, int tries)
 
 bool CacheManager::remove(Vlan const& vlan)
 {
+    NoCancellation const guard;
     TRACE_INFO("removing vlan %s", vlan.getName().c_str());
     return remove(static_cast<Interface const&>(vlan));
 }
@@ -821,37 +881,38 @@ bool CacheManager::remove(Vlan const& vlan)
 
 bool CacheManager::update(Route const& route, int /*tries*/)
 {
+    NoCancellation const guard;
     TRACE_DEBUG2("updating route %s", route.toString().c_str());
     RoutePtr const object(convertToRoute(route));
     int result = -NLE_NOMEM;
     if (object != nullptr) {
-        std::lock_guard<std::mutex> const guard(requestMutex);
-        result = sendOn(routeSocket, mirror.get(),
-                        [&](nl_sock* socket) { return rtnl_route_add(socket, object.get(), NLM_F_REQUEST); });
+        result =
+            sendOnRouteSocket([&](nl_sock* socket) { return rtnl_route_add(socket, object.get(), NLM_F_REQUEST); });
     }
     if (result != 0) {
         TRACE_ERROR("add failed with %s", nl_geterror(-result));
         TRACE_ERROR("for route %s", route.toString().c_str());
         return false;
     }
-    mirror->waitForEvents();
+    waitForEvents();
     return true;
 }
 
 bool CacheManager::remove(Route const& route)
 {
+    NoCancellation const guard;
     RoutePtr object(convertToRoute(route));
     int result = -NLE_NOMEM;
     if (object != nullptr) {
-        result = sendOnce(mirror.get(), [&](nl_sock* socket) { return rtnl_route_delete(socket, object.get(), 0); });
+        result = sendOnce([&](nl_sock* socket) { return rtnl_route_delete(socket, object.get(), 0); });
     }
     if (result != 0) {
         TRACE_ERROR("delete failed with %s for route %s", nl_geterror(-result), route.getName().c_str());
         return false;
     }
     object.reset();
-    mirror->waitForEvents();
-    sleep(1);
+    waitForEvents();
+    guard.pause();
     return true;
 }
 

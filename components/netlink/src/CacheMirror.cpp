@@ -4,19 +4,16 @@
 #include "CacheSetup.h"
 #include "LockQueue.h"
 #include "Memory.h"
-#include "NetlinkPtr.h"
 
-#include <algorithm>
 #include <ctime>
-#include <iterator>
 #include <linux/rtnetlink.h>
+#include <netlink/cache.h>
 #include <netlink/errno.h>
 #include <netlink/object.h>
 #include <new>
-#include <optional>
 #include <sched.h>
 #include <sys/socket.h>
-#include <utility>
+#include <unistd.h>
 
 namespace netlink_route {
 
@@ -24,14 +21,14 @@ namespace netlink_route {
 
 namespace {
 
-std::mutex registryMutex;
-CacheMirror* registry = nullptr;
+Mutex registryMutex;
+CacheMirror* registry GUARDED_BY(registryMutex) = nullptr;
 
 } // namespace
 
 CacheMirror* CacheMirror::of(nl_cache_mngr* cacheManager)
 {
-    std::lock_guard<std::mutex> const guard(registryMutex);
+    MutexLock const guard(registryMutex);
     CacheMirror* mirror = registry;
     while (mirror != nullptr && mirror->manager != cacheManager) {
         mirror = mirror->next;
@@ -41,7 +38,7 @@ CacheMirror* CacheMirror::of(nl_cache_mngr* cacheManager)
 
 CacheMirror::~CacheMirror()
 {
-    std::lock_guard<std::mutex> const guard(registryMutex);
+    MutexLock const guard(registryMutex);
     CacheMirror** link = &registry;
     while (*link != nullptr && *link != this) {
         link = &(*link)->next;
@@ -56,23 +53,35 @@ CacheMirror::~CacheMirror()
 int CacheMirror::allocate(nl_cache_mngr** manager, std::unique_ptr<CacheMirror>& mirror)
 {
     mirror.reset(new (std::nothrow) CacheMirror);
-    int result = mirror != nullptr ? mirror->events.open() : -NLE_NOMEM;
-    result = result < 0 ? result : allocateManager(manager);
-    result = result < 0 ? result : mirror->attach(*manager);
+    if (mirror == nullptr) {
+        return -NLE_NOMEM;
+    }
+    int result = allocateManager(manager);
     if (result < 0) {
-        if (*manager != nullptr) {
-            nl_cache_mngr_free(*manager);
-            *manager = nullptr;
-        }
+        mirror.reset();
+        return result;
+    }
+    result = mirror->open(*manager);
+    if (result < 0) {
+        nl_cache_mngr_free(*manager);
+        *manager = nullptr;
         mirror.reset();
     }
     return result;
 }
 
-int CacheMirror::attach(nl_cache_mngr* cacheManager)
+int CacheMirror::open(nl_cache_mngr* cacheManager)
 {
+    assumeEventThread();
     manager = cacheManager;
-    return events.adopt(nl_cache_mngr_get_fd(manager));
+    int result = events.adopt(nl_cache_mngr_get_fd(manager));
+    if (result == 0) {
+        result = notices.open();
+    }
+    if (result == 0) {
+        result = repair.open();
+    }
+    return result;
 }
 
 namespace {
@@ -80,8 +89,7 @@ namespace {
 rtnl_addr* toAddress(nl_object* object) { return reinterpret_cast<rtnl_addr*>(object); }
 
 // Whether libnl has filled the cache with something else than the kernel's IPv4 routes: with route exceptions among
-// them, which RTM_F_CLONED marks, or with IPv6 routes (see addRouteCache), of which there
-// may have been none.
+// them, which RTM_F_CLONED marks, or with IPv6 routes (see addRouteCache), of which there may have been none.
 bool needsReading(nl_cache* routes)
 {
     nl_object* object = nl_cache_get_first(routes);
@@ -108,58 +116,74 @@ void dropOtherFamilies(nl_cache* addresses)
 
 } // namespace
 
-// libnl takes route exceptions for routes. And when the kernel's addresses change during a dump, libnl asks for it
-// again without removing what it has added, so an address may stand in the cache twice.
 void CacheMirror::begin(Caches const& filled) noexcept
 {
+    assumeEventThread();
     caches = filled;
+    repair.useCaches(caches, false);
     bool const done = fitsInMemory([&] {
-        dirty.routes = caches.route != nullptr && needsReading(caches.route);
-        if (caches.addr != nullptr) {
-            dropOtherFamilies(caches.addr);
-            dirty.addresses = holdsAddressTwice(caches.addr);
-        }
-        // A notification that waits already may be of an address that went between the fillings of the two caches, and
-        // of whose other routes the kernel tells nobody. So all is read, and at once: if the thread's first wake() found
-        // it after a reading here, the next reading would have to wait for its budget.
-        if (dirty.routes || dirty.addresses || !events.isEmpty()) {
-            wake();
-        }
-        resync();
+        assumeEventThread();
+        correctFilling();
     });
     if (!done) {
-        noteOverrun();
+        dirty.noteLoss();
     }
-    std::lock_guard<std::mutex> const guard(registryMutex);
+    repair.useCaches(caches, true);
+    MutexLock const guard(registryMutex);
     next = registry;
     registry = this;
 }
 
-// ---- The event thread ----
-
-void CacheMirror::wake()
+// libnl takes route exceptions for routes. And when the kernel's addresses change during a dump, libnl asks for it
+// again without removing what it has added, so an address may stand in the cache twice.
+//
+// A notification that waits already may be of an address that went before the cache of the addresses was filled. libnl
+// will not tell of it, and the routes that the kernel dropped with it may stand in their cache: so they are read.
+void CacheMirror::correctFilling()
 {
-    {
-        std::lock_guard<std::mutex> const guard(busyMutex);
-        busy = true;
+    if (caches.route != nullptr && needsReading(caches.route)) {
+        dirty.noteRoutes();
     }
-    if (!started) {
-        started = true;
-        reader.open();
-        if (events.attachFilters()) {
-            dirty.noteAll();
+    if (caches.addr != nullptr) {
+        dropOtherFamilies(caches.addr);
+        if (holdsAddressTwice(caches.addr)) {
+            dirty.noteAddresses();
         }
+    }
+    repair.readWhatIsDue();
+    if (!events.isEmpty()) {
+        dirty.noteRoutes();
     }
 }
 
-int CacheMirror::finish()
+void CacheMirror::setThread(pthread_t thread) { pthread_getcpuclockid(thread, &threadClock); }
+
+// ---- The event thread ----
+
+int CacheMirror::untilDue() const
 {
-    {
-        std::lock_guard<std::mutex> const guard(busyMutex);
-        busy = dirty.links; // only a reading shows what was changed meanwhile
+    assumeEventThread();
+    return dirty.untilDue(DirtyTables::Clock::now());
+}
+
+void CacheMirror::takeTurn(bool hasArrived, void (*applyLocked)(CacheMirror&)) noexcept
+{
+    assumeEventThread();
+    beginWork();
+    bool const done = fitsInMemory([&] {
+        assumeEventThread();
+        if (hasArrived) {
+            letWaitersGo();
+            applyLocked(*this);
+        }
+        takeNotices();
+        readWhatIsDue();
+    });
+    if (!done) {
+        dirty.noteLoss();
+        usleep(10000); // what is queued would wake the thread again at once
     }
-    idle.notify_all();
-    return untilDue();
+    endWork();
 }
 
 int CacheMirror::countObjects() const
@@ -171,227 +195,157 @@ int CacheMirror::countObjects() const
     return count;
 }
 
-void CacheMirror::beginPass()
-{
-    changes = 0;
-    expected = countObjects();
-    events.beginPass();
-}
-
 // libnl applies a changed object by removing the old one from the cache and adding the new one. When it has no memory
 // to add it, the object is missing from the cache, and neither the result nor a callback tells. So the objects are
-// counted: a number that the callbacks do not explain means that all tables must be read.
-void CacheMirror::endPass(int result)
+// counted: a number that the callbacks do not explain is a loss.
+int CacheMirror::apply()
 {
-    events.endPass();
-    if (result < 0 || countObjects() != expected) {
-        noteOverrun();
+    assumeEventThread();
+    changes = 0;
+    expected = countObjects();
+    int result = 0;
+    {
+        RunningPass const pass(events);
+        result = nl_cache_mngr_data_ready(manager);
     }
+    if (result == -NLE_MSGTYPE_NOSUPPORT) { // a route with an encapsulation that libnl does not know
+        dirty.noteRoutes();
+    } else if (result < 0) {
+        dirty.noteLoss();
+    }
+    if (countObjects() != expected) {
+        dirty.noteLoss();
+    }
+    return result;
 }
 
 void CacheMirror::noteChange(nl_cache* cache, nl_object* object, int action) noexcept
 {
+    assumeEventThread();
+    bool const isOurs = cache == caches.link || cache == caches.route || cache == caches.addr;
+    if (cache == nullptr || object == nullptr || !isOurs) {
+        return;
+    }
     if (++changes >= objectsAtOnce && hasWaiters()) { // in a flood of notifications the pass would not end
-        EventSocket::endRunningPass();
+        endRunningPass();
     }
     expected += action == NL_ACT_NEW ? 1 : (action == NL_ACT_DEL ? -1 : 0);
     if (cache == caches.link) {
         dirty.noteLink(reinterpret_cast<rtnl_link*>(object), action);
-    } else if (cache == caches.addr) {
+    } else if (cache == caches.route) {
+        dirty.noteRoute(reinterpret_cast<rtnl_route*>(object), action);
+    } else {
         dirty.noteAddress(toAddress(object), action);
         if (action == NL_ACT_CHANGE && hasNeighbour(cache, toAddress(object))) { // it is the last one in the cache now
-            addressesInOrder = false;
-            dirty.addresses = true;
+            dirty.noteAddresses();
         }
-    } else {
-        dirty.noteRoute(reinterpret_cast<rtnl_route*>(object), action);
     }
 }
 
 void CacheMirror::takeNotices()
 {
-    EventSocket::Notices const notices = events.takeNotices();
-    dirty.routes = dirty.routes || notices.nexthops;
-    bool complete = !notices.overrun;
-    for (int const link : notices.newQdiscs) {
-        complete = (dirty.links || events.askForLink(link)) && complete; // a reading shows it, too
+    NoticeSocket::Notices const taken = notices.take();
+    if (taken.nexthops) {
+        dirty.noteRoutes();
+    }
+    bool complete = !taken.overrun;
+    for (int const link : taken.newQdiscs) {
+        complete = events.askForLink(link) && complete;
     }
     if (!complete) {
-        noteOverrun();
+        dirty.noteLoss();
     }
 }
-
-namespace {
-
-std::chrono::nanoseconds processorTime()
-{
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
-} // namespace
 
 // A socket that has overrun reports it once (ENOBUFS), and the kernel drops further notifications until the socket has
 // been read to its end. So the tables are read only after that: a change made before is in the answer, a later one is
 // notified. Notifications that are queued during the reading are applied afterwards, and lead to the same end.
-void CacheMirror::resync()
+void CacheMirror::readWhatIsDue()
 {
-    takeNotices();
-    if (dirty.overrun && !events.isEmpty()) {
+    if (dirty.hasLoss() && !events.isEmpty()) {
         return;
     }
-    std::chrono::nanoseconds const start = processorTime();
-    if (dirty.areRoutesOfLinksDue(Clock::now())) { // first, since it costs little
-        bool const complete = resyncRoutesOfLinks();
-        dirty.noteRoutesOfLinksRead(processorTime() - start, Clock::now(), complete);
-    }
-    if (dirty.areTablesDue(Clock::now())) {
-        std::chrono::nanoseconds const middle = processorTime();
-        bool const complete = reader.waitForKernel() && resyncLinks() && resyncAddresses() && resyncRoutes();
-        dirty.noteTablesRead(processorTime() - middle, Clock::now(), complete);
-    }
+    reading = true;
+    repair.readWhatIsDue();
+    reading = false;
 }
 
-bool CacheMirror::resyncLinks()
+void CacheMirror::beginWork()
 {
-    if (!dirty.links || caches.link == nullptr) {
-        return true;
-    }
-    std::optional<Objects> fresh = reader.readLinks();
-    return fresh.has_value() && makeLinksEqual(caches.link, std::move(*fresh), reader).complete;
+    MutexLock const guard(workMutex);
+    working = true;
 }
 
-// What a reading shows first, no callback tells afterwards. So with an address that went away, the routes become dirty.
-bool CacheMirror::resyncAddresses()
+void CacheMirror::endWork()
 {
-    if (!dirty.addresses || caches.addr == nullptr) {
-        return true;
+    {
+        MutexLock const guard(workMutex);
+        working = dirty.hasLoss(); // only a reading shows what was changed meanwhile
     }
-    std::optional<Objects> fresh = reader.readIpv4Addresses();
-    if (!fresh.has_value()) {
-        return false;
-    }
-    // A notification that is queued now may be of an address as the reading shows it. libnl then moves the address to
-    // the end of its cache, and tells nobody, since nothing else changes. So the addresses are read once more.
-    dirty.addressesAfterwards = !events.isEmpty();
-    addressesInOrder = false;
-    Applied const applied = makeAddressesEqual(caches.addr, std::move(*fresh), reader);
-    dirty.routes = dirty.routes || applied.removed;
-    addressesInOrder = applied.complete && !dirty.addressesAfterwards;
-    return applied.complete;
-}
-
-bool CacheMirror::resyncRoutes()
-{
-    if (!dirty.routes || caches.route == nullptr) {
-        return true;
-    }
-    std::optional<Objects> fresh = reader.readRoutes();
-    if (!fresh.has_value()) {
-        return false;
-    }
-    // A dump comes in pieces, and the kernel finds the next piece by counting routes: when one was removed meanwhile,
-    // it may skip another. A notification that is queued now may tell of that, so all routes are read once more.
-    dirty.routesAfterwards = !events.isEmpty();
-    dirty.nexthopObjects = reader.mayHaveNexthopObjects();
-    auto several = makeRoutesEqual(caches.route, std::move(*fresh), reader);
-    dirty.severalRoutesKnown = several.has_value();
-    dirty.severalRoutes = std::move(several).value_or(std::vector<std::uint64_t>());
-    return dirty.severalRoutesKnown;
-}
-
-namespace {
-
-template <typename Function>
-void forEachHop(rtnl_route* route, Function function)
-{
-    for (int i = 0; i < rtnl_route_get_nnexthops(route); ++i) {
-        function(rtnl_route_nh_get_ifindex(rtnl_route_nexthop_n(route, i)));
-    }
-}
-
-// The first piece of a dump has about 4 KiB, and a route 60 bytes, and 16 for each hop.
-constexpr std::size_t routesInOnePiece = 16;
-
-} // namespace
-
-// Collects the cached routes that the kernel may have dropped silently, asks for the routes of the links that their
-// hops use, and removes those that the kernel does not have. Where that is not possible, all routes become dirty: with
-// too many links, a route without a hop, or a kernel that cannot dump the routes of one link.
-bool CacheMirror::resyncRoutesOfLinks()
-{
-    if (caches.route == nullptr) {
-        return true;
-    }
-    std::vector<nl_object*> suspects;
-    NumberSet<int> links;
-    bool all = dirty.routesOverLinks.isOverflown() || dirty.routesFromAddresses.isOverflown();
-    nl_object* object = all ? nullptr : nl_cache_get_first(caches.route);
-    for (; object != nullptr; object = nl_cache_get_next(object)) {
-        auto* const route = reinterpret_cast<rtnl_route*>(object);
-        bool isSuspect = dirty.routesFromAddresses.contains(ipv4Bytes(rtnl_route_get_pref_src(route)));
-        forEachHop(route, [&](int link) { isSuspect = isSuspect || dirty.routesOverLinks.contains(link); });
-        if (isSuspect) {
-            suspects.push_back(object);
-            forEachHop(route, [&](int link) { links.insert(link); });
-            all = all || rtnl_route_get_nnexthops(route) == 0;
-            dirty.routes = dirty.routes || dirty.isOneOfSeveral(route);
-        }
-    }
-    if (suspects.empty() && !all) {
-        return true;
-    }
-    if (!reader.waitForKernel()) {
-        return false;
-    }
-    Objects fresh;
-    all = all || links.isOverflown();
-    for (int const link : all ? NumberSet<int>() : links) {
-        std::optional<Objects> routes = reader.readRoutesOf(link);
-        if (!routes.has_value()) {
-            all = true;
-            break;
-        }
-        // A dump in pieces may have skipped a route that the kernel has (see resyncRoutes), which then goes wrongly.
-        dirty.routes = dirty.routes || (routes->size() >= routesInOnePiece && !events.isEmpty());
-        std::move(routes->begin(), routes->end(), std::back_inserter(fresh));
-    }
-    if (all) {
-        dirty.routes = true;
-        return true;
-    }
-    return removeStaleRoutes(caches.route, suspects, std::move(fresh), reader).complete;
+    workEnded.notify_all();
 }
 
 // ---- The threads of the callers ----
 
 void CacheMirror::stop()
 {
-    reader.stop();
+    stopping = true;
     events.stop();
 }
 
+void CacheMirror::abandon()
+{
+    assumeEventThread();
+    events.abandon();
+    notices.abandon();
+    repair.abandon();
+}
+
+// Whether the event thread has applied what is queued. If not, waits for its turn to end, and not longer than that time.
+// In this order: a notification that is no longer queued is being applied, or has been.
+bool CacheMirror::hasCaughtUp(std::chrono::microseconds wait)
+{
+    MutexLock const guard(workMutex);
+    if (events.isEmpty() && !working) {
+        return true;
+    }
+    if (wait.count() > 0) {
+        workMutex.waitFor(workEnded, wait);
+    }
+    return false;
+}
+
+namespace {
+
+std::chrono::nanoseconds timeOn(clockid_t clock)
+{
+    timespec time{};
+    clock_gettime(clock, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+} // namespace
+
+// Mostly the event thread needs less than 200 us, and to be woken takes as long again: so at first this thread only lets
+// others run. Then it looks each millisecond how long the event thread has worked since. What counts is the processor
+// time of that thread, its readings aside: the limit is for notifications that come without end, not for a large table
+// or a busy processor.
 void CacheMirror::waitForEvents()
 {
-    constexpr std::chrono::milliseconds longest{100};
-    constexpr std::chrono::milliseconds look{1};
-    constexpr std::chrono::microseconds atFirst{200}; // mostly it takes less, and to be woken takes as long again
-    auto const start = Clock::now();
-    std::unique_lock<std::mutex> guard(busyMutex);
-    // In this order: a notification that is no longer queued is being applied (busy), or has been.
-    while (!events.isEmpty() || busy) {
-        auto const now = Clock::now();
-        if (now >= start + longest) {
-            return;
-        }
-        if (now < start + atFirst) {
-            guard.unlock();
+    using namespace std::chrono_literals;
+    auto const start = std::chrono::steady_clock::now();
+    std::chrono::nanoseconds const atFirst = 200us;
+    std::chrono::nanoseconds worked{0};
+    std::chrono::nanoseconds before = timeOn(threadClock);
+    std::chrono::nanoseconds waited{0};
+    while (!hasCaughtUp(waited < atFirst ? 0us : 1ms) && waited < 1s && worked < 100ms) {
+        if (waited < atFirst) {
             sched_yield();
-            guard.lock();
-        } else {
-            idle.wait_until(guard, now + look);
         }
+        std::chrono::nanoseconds const now = timeOn(threadClock);
+        worked += reading ? 0ns : now - before;
+        before = now;
+        waited = std::chrono::steady_clock::now() - start;
     }
 }
 

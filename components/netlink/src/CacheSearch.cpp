@@ -2,55 +2,10 @@
 
 #include "AddressText.h"
 
-#include <linux/if_addr.h>
+#include <array>
 #include <sys/socket.h>
-#include <tuple>
 
 namespace netlink_route {
-
-namespace {
-
-// The kernel lists the addresses of a link in this order: primary before secondary ones, then by scope, the narrower
-// one first (link before global; its number is higher), then as they were created, or promoted.
-auto orderOf(rtnl_addr* address, bool isInOrder)
-{
-    return std::make_tuple(rtnl_addr_get_flags(address) & IFA_F_SECONDARY, -rtnl_addr_get_scope(address),
-                           isInOrder ? 0U : rtnl_addr_get_create_time(address));
-}
-
-// The kernel lists table by table, in the order of its 256 hash buckets, and the routes of one destination by type of
-// service from high to low, then by metric from low to high.
-auto orderOfRoute(rtnl_route* route)
-{
-    return std::make_tuple(rtnl_route_get_table(route) % 256, -rtnl_route_get_tos(route),
-                           rtnl_route_get_priority(route));
-}
-
-// The one that comes first of all objects that match, with a reference of its own, or null.
-template <typename T, typename Matches, typename Order>
-T* findFirst(nl_cache* cache, Matches matches, Order order)
-{
-    T* first = nullptr;
-    nl_object* object = cache != nullptr ? nl_cache_get_first(cache) : nullptr;
-    for (; object != nullptr; object = nl_cache_get_next(object)) {
-        auto* const candidate = reinterpret_cast<T*>(object);
-        if (matches(candidate) && (first == nullptr || order(candidate) < order(first))) {
-            first = candidate;
-        }
-    }
-    if (first != nullptr) {
-        nl_object_get(reinterpret_cast<nl_object*>(first));
-    }
-    return first;
-}
-
-// The default route has two forms: libnl 3.7 keeps it as an address without bytes, later versions as 0.0.0.0/0.
-bool isDefault(nl_addr* destination)
-{
-    return nl_addr_get_prefixlen(destination) == 0 && nl_addr_iszero(destination) != 0;
-}
-
-} // namespace
 
 LinkPtr findLink(nl_cache* links, std::string const& name)
 {
@@ -73,13 +28,57 @@ std::vector<std::string> linkNames(nl_cache* links)
     return names;
 }
 
-AddrPtr findIpv4(nl_cache* addresses, int index, bool isInOrder)
+AddrPtr findIpv4(nl_cache* addresses, int index)
 {
-    auto const isOfLink = [index](rtnl_addr* address) {
-        return rtnl_addr_get_ifindex(address) == index && rtnl_addr_get_family(address) == AF_INET;
-    };
-    auto const order = [isInOrder](rtnl_addr* address) { return orderOf(address, isInOrder); };
-    return AddrPtr(findFirst<rtnl_addr>(addresses, isOfLink, order));
+    AddrPtr const pattern(rtnl_addr_alloc());
+    if (addresses == nullptr || pattern == nullptr) {
+        return nullptr;
+    }
+    rtnl_addr_set_ifindex(pattern.get(), index);
+    rtnl_addr_set_family(pattern.get(), AF_INET);
+    nl_object* const found = nl_cache_find(addresses, reinterpret_cast<nl_object*>(pattern.get()));
+    return AddrPtr(reinterpret_cast<rtnl_addr*>(found));
+}
+
+namespace {
+
+RoutePtr findExactly(nl_cache* routes, nl_addr* destination)
+{
+    RoutePtr const pattern(rtnl_route_alloc());
+    if (routes == nullptr || pattern == nullptr) {
+        return nullptr;
+    }
+    rtnl_route_set_dst(pattern.get(), destination);
+    nl_object* const found = nl_cache_find(routes, reinterpret_cast<nl_object*>(pattern.get()));
+    return RoutePtr(reinterpret_cast<rtnl_route*>(found));
+}
+
+// The other form of the default route, or null: libnl 3.7 keeps it as an address without bytes, later versions as
+// 0.0.0.0/0.
+NlAddrPtr otherDefault(nl_addr* destination)
+{
+    if (nl_addr_get_prefixlen(destination) != 0 || nl_addr_iszero(destination) == 0) {
+        return nullptr;
+    }
+    std::array<unsigned char, 4> const zeros{};
+    NlAddrPtr other(nl_addr_build(AF_INET, zeros.data(), nl_addr_get_len(destination) == 0 ? zeros.size() : 0));
+    if (other != nullptr) {
+        nl_addr_set_prefixlen(other.get(), 0);
+    }
+    return other;
+}
+
+} // namespace
+
+RoutePtr findRoute(nl_cache* routes, nl_addr* destination)
+{
+    RoutePtr found = findExactly(routes, destination);
+    if (found == nullptr) {
+        if (NlAddrPtr const other = otherDefault(destination); other != nullptr) {
+            found = findExactly(routes, other.get());
+        }
+    }
+    return found;
 }
 
 bool hasNeighbour(nl_cache* addresses, rtnl_addr* address)
@@ -91,16 +90,6 @@ bool hasNeighbour(nl_cache* addresses, rtnl_addr* address)
         }
     }
     return false;
-}
-
-RoutePtr findRoute(nl_cache* routes, nl_addr* destination)
-{
-    bool const wantsDefault = isDefault(destination);
-    auto const leadsThere = [&](rtnl_route* route) {
-        nl_addr* const other = rtnl_route_get_dst(route);
-        return other != nullptr && (nl_addr_cmp(other, destination) == 0 || (wantsDefault && isDefault(other)));
-    };
-    return RoutePtr(findFirst<rtnl_route>(routes, leadsThere, orderOfRoute));
 }
 
 } // namespace netlink_route

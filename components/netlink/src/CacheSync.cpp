@@ -1,195 +1,14 @@
 #include "CacheSync.h"
 
-#include "CacheSetup.h"
-#include "KernelNumbers.h"
 #include "LockQueue.h"
-#include "Memory.h"
 #include "MyLock.h"
+#include "RouteKey.h"
 
 #include <algorithm>
-#include <array>
-#include <cstring>
-#include <linux/if_link.h>
-#include <linux/rtnetlink.h>
-#include <netlink/errno.h>
-#include <netlink/msg.h>
-#include <netlink/netlink.h>
-#include <sys/socket.h>
-#include <sys/time.h>
+#include <netlink/object.h>
 #include <utility>
 
-#ifndef NETLINK_GET_STRICT_CHK // Linux before 4.20
-#define NETLINK_GET_STRICT_CHK 12
-#endif
-
 namespace netlink_route {
-
-// ---- Reading ----
-
-namespace {
-
-struct Answer {
-    Objects& objects;
-    std::atomic<bool> const& stopped;
-    bool complete = true;
-};
-
-bool isException(nl_object* object)
-{
-    return std::strcmp(nl_object_get_type(object), "route/route") == 0 &&
-           (rtnl_route_get_flags(reinterpret_cast<rtnl_route*>(object)) & RTM_F_CLONED) != 0;
-}
-
-void keepObject(nl_object* object, void* argument)
-{
-    auto& answer = *static_cast<Answer*>(argument);
-    if (isException(object)) {
-        return;
-    }
-    nl_object_get(object);
-    ObjectPtr owner(object);
-    answer.complete = fitsInMemory([&] { answer.objects.push_back(std::move(owner)); }) && answer.complete;
-}
-
-int keepMessage(nl_msg* message, void* argument)
-{
-    auto& answer = *static_cast<Answer*>(argument);
-    int const result = nl_msg_parse(message, keepObject, argument);
-    answer.complete = answer.complete && !answer.stopped && (result >= 0 || result == -NLE_MSGTYPE_NOSUPPORT);
-    return answer.complete ? NL_OK : NL_STOP;
-}
-
-} // namespace
-
-int KernelReader::connect()
-{
-    if (connected) {
-        return 0;
-    }
-    if (socket == nullptr) {
-        socket.reset(nl_socket_alloc());
-    }
-    if (socket == nullptr) {
-        return -NLE_NOMEM;
-    }
-    nl_socket_disable_auto_ack(socket.get()); // one answer for one request
-    int const result = nl_connect(socket.get(), NETLINK_ROUTE);
-    if (result < 0) {
-        return result;
-    }
-    connected = true;
-    int const descriptor = nl_socket_get_fd(socket.get());
-    int const on = 1;
-    strict = setsockopt(descriptor, SOL_NETLINK, NETLINK_GET_STRICT_CHK, &on, sizeof on) == 0;
-    timeval const longest{0, 100000}; // in case the answer never comes
-    setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
-    return 0;
-}
-
-// After a failure the rest of the answer may still arrive: the next request opens another socket.
-void KernelReader::disconnect()
-{
-    if (connected) {
-        nl_close(socket.get());
-        connected = false;
-    }
-}
-
-// Returns libnl's result. An unknown link (-NLE_NODEV) is a complete answer.
-int KernelReader::request(int type, int flags, void* body, std::size_t size, Objects& answer)
-{
-    int result = stopped ? -NLE_INTR : connect();
-    if (result == 0) {
-        Answer collected{answer, stopped};
-        nl_socket_modify_cb(socket.get(), NL_CB_VALID, NL_CB_CUSTOM, keepMessage, &collected);
-        ParsingAllowed const allowed;
-        result = nl_send_simple(socket.get(), type, flags, body, size);
-        result = result < 0 ? result : nl_recvmsgs_default(socket.get());
-        result = collected.complete ? result : -NLE_NOMEM;
-    }
-    if (result < 0 && result != -NLE_NODEV) {
-        disconnect();
-    }
-    return result;
-}
-
-std::optional<Objects> KernelReader::dump(int type, void* body, std::size_t size)
-{
-    Objects answer;
-    int const result = request(type, NLM_F_DUMP, body, size, answer);
-    if (result < 0 && result != -NLE_NODEV) {
-        return std::nullopt;
-    }
-    return answer;
-}
-
-std::optional<Objects> KernelReader::readLinks()
-{
-    struct {
-        ifinfomsg header{};
-        rtattr attribute{RTA_LENGTH(sizeof(unsigned int)), IFLA_EXT_MASK};
-        unsigned int mask = RTEXT_FILTER_VF; // as libnl asks
-    } body;
-    return dump(RTM_GETLINK, &body, sizeof body);
-}
-
-std::optional<Objects> KernelReader::readIpv4Addresses()
-{
-    ifaddrmsg body{};
-    body.ifa_family = AF_INET;
-    return dump(RTM_GETADDR, &body, sizeof body);
-}
-
-std::optional<Objects> KernelReader::readRoutes()
-{
-    rtmsg body{};
-    body.rtm_family = AF_INET;
-    return dump(RTM_GETROUTE, &body, sizeof body);
-}
-
-std::optional<Objects> KernelReader::readRoutesOf(int link)
-{
-    struct {
-        rtmsg header{};
-        rtattr attribute{RTA_LENGTH(sizeof(int)), RTA_OIF};
-        int index = 0;
-    } body;
-    body.header.rtm_family = AF_INET;
-    body.index = link;
-    return connect() == 0 && strict ? dump(RTM_GETROUTE, &body, sizeof body) : std::nullopt;
-}
-
-bool KernelReader::mayHaveNexthopObjects()
-{
-    // struct nhmsg, all zero: any. libnl has no objects for them, so the messages are counted.
-    std::array<char, 8> body{};
-    int count = 0;
-    auto const countMessage = [](nl_msg* /*message*/, void* argument) -> int {
-        ++*static_cast<int*>(argument);
-        return NL_OK;
-    };
-    int result = connect();
-    if (result == 0) {
-        nl_socket_modify_cb(socket.get(), NL_CB_VALID, NL_CB_CUSTOM, countMessage, &count);
-        result = nl_send_simple(socket.get(), getNexthop, NLM_F_DUMP, body.data(), body.size());
-        result = result < 0 ? result : nl_recvmsgs_default(socket.get());
-    }
-    bool const failed = result < 0 && result != -NLE_OPNOTSUPP; // before Linux 5.3 there are none
-    if (failed) {
-        disconnect();
-    }
-    return count > 0 || failed;
-}
-
-bool KernelReader::waitForKernel()
-{
-    ifinfomsg body{};
-    body.ifi_index = 1; // lo: answered under the kernel's lock for all changes of its configuration
-    Objects answer;
-    return request(RTM_GETLINK, 0, &body, sizeof body, answer) >= 0;
-}
-
-// ---- Comparing ----
 
 namespace {
 
@@ -220,15 +39,14 @@ std::vector<nl_object*> objectsOf(nl_cache* cache)
 
 struct Fresh {
     std::uint64_t key;
-    ObjectPtr object;
+    ObjectPtr object; // null when the cache holds it
     bool isDuplicate; // to libnl the same as one before it
-    bool isHeld = false;
 };
 
 bool isIdentical(nl_object* lhs, nl_object* rhs) { return nl_object_identical(lhs, rhs) != 0; }
 
 // Sorted by key: libnl's own hash tables have 1,024 buckets, and would take seconds for large tables.
-std::vector<Fresh> sortByKey(Objects objects, Key key)
+std::vector<Fresh> sortByKey(std::vector<ObjectPtr> objects, Key key)
 {
     std::vector<Fresh> fresh;
     fresh.reserve(objects.size());
@@ -251,8 +69,8 @@ struct Change {
     ObjectPtr fresh;
 };
 
-// The changes that make the held objects equal to the fresh ones; marks the fresh ones that are held. The held objects
-// are read without the lock, since this thread alone changes them.
+// The changes that make the held objects equal to the fresh ones; takes those out of the fresh ones that are held. The
+// held objects are read without the lock, since this thread alone changes them.
 std::vector<Change> compare(std::vector<nl_object*> const& held, std::vector<Fresh>& fresh, Key key)
 {
     std::vector<Change> changes;
@@ -261,7 +79,7 @@ std::vector<Change> compare(std::vector<nl_object*> const& held, std::vector<Fre
         auto const isBefore = [](Fresh const& lhs, std::uint64_t rhs) { return lhs.key < rhs; };
         auto match = std::lower_bound(fresh.begin(), fresh.end(), value, isBefore);
         auto const isOther = [&](Fresh const& candidate) {
-            return candidate.isHeld || candidate.isDuplicate || !isIdentical(candidate.object.get(), object);
+            return candidate.object == nullptr || candidate.isDuplicate || !isIdentical(candidate.object.get(), object);
         };
         while (match != fresh.end() && match->key == value && isOther(*match)) {
             ++match;
@@ -270,23 +88,26 @@ std::vector<Change> compare(std::vector<nl_object*> const& held, std::vector<Fre
             changes.push_back({object, nullptr});
             continue;
         }
-        match->isHeld = true;
-        if (nl_object_diff64(object, match->object.get()) != 0) {
-            changes.push_back({object, std::move(match->object)});
+        ObjectPtr current = std::move(match->object);
+        if (nl_object_diff64(object, current.get()) != 0) {
+            changes.push_back({object, std::move(current)});
         }
     }
     return changes;
 }
 
-// In slices, between which others get the lock. This thread also drops its references to what it has put into the cache
-// under the lock, since libnl's reference counts are plain integers.
-Applied apply(nl_cache* cache, std::vector<Change> changes, KernelReader const& reader)
+// Between two slices others get the lock. The references to what is in the cache now are dropped under the lock, too,
+// since libnl's reference counts are plain integers.
+Applied apply(nl_cache* cache, std::vector<Change> changes, Slices const& slices)
 {
     Applied result;
-    for (auto begin = changes.begin(); begin != changes.end() && !reader.isStopped();) {
+    for (auto begin = changes.begin(); begin != changes.end() && !slices.stop;) {
         auto const end = begin + std::min<std::ptrdiff_t>(objectsAtOnce, changes.end() - begin);
-        letWaitersGo();
-        MyLock const lock("CacheSync");
+        std::optional<MyLock> lock;
+        if (slices.lock) {
+            letWaitersGo();
+            lock.emplace("CacheSync");
+        }
         for (; begin != end; ++begin) {
             if (begin->stale != nullptr) {
                 nl_cache_remove(begin->stale);
@@ -298,50 +119,29 @@ Applied apply(nl_cache* cache, std::vector<Change> changes, KernelReader const& 
             }
         }
     }
-    result.complete = result.complete && !reader.isStopped();
+    result.complete = result.complete && !slices.stop;
     return result;
 }
 
-Applied makeEqual(nl_cache* cache, std::vector<Fresh> fresh, KernelReader const& reader, Key key)
+Applied makeEqual(nl_cache* cache, std::vector<Fresh> fresh, Slices const& slices, Key key)
 {
     std::vector<Change> changes = compare(objectsOf(cache), fresh, key);
     for (Fresh& candidate : fresh) {
-        if (!candidate.isHeld && !candidate.isDuplicate) {
+        if (candidate.object != nullptr && !candidate.isDuplicate) {
             changes.push_back({nullptr, std::move(candidate.object)});
         }
     }
-    return apply(cache, std::move(changes), reader);
+    return apply(cache, std::move(changes), slices);
 }
 
 } // namespace
 
-std::uint32_t ipv4Bytes(nl_addr* address)
+Applied makeLinksEqual(nl_cache* cache, std::vector<ObjectPtr> fresh, Slices const& slices)
 {
-    std::uint32_t bytes = 0;
-    if (address != nullptr) {
-        std::memcpy(&bytes, nl_addr_get_binary_addr(address), std::min<std::size_t>(nl_addr_get_len(address), 4));
-    }
-    return bytes;
+    return makeEqual(cache, sortByKey(std::move(fresh), linkKey), slices, linkKey);
 }
 
-std::uint64_t routeKey(rtnl_route* route)
-{
-    constexpr std::uint64_t prime = 1099511628211; // of the FNV-1a hash
-    std::uint64_t key = ipv4Bytes(rtnl_route_get_dst(route));
-    for (std::uint64_t const number :
-         {std::uint64_t{nl_addr_get_prefixlen(rtnl_route_get_dst(route))}, std::uint64_t{rtnl_route_get_table(route)},
-          std::uint64_t{rtnl_route_get_tos(route)}, std::uint64_t{rtnl_route_get_priority(route)}}) {
-        key = (key ^ number) * prime;
-    }
-    return key;
-}
-
-Applied makeLinksEqual(nl_cache* cache, Objects fresh, KernelReader const& reader)
-{
-    return makeEqual(cache, sortByKey(std::move(fresh), linkKey), reader, linkKey);
-}
-
-Applied makeAddressesEqual(nl_cache* cache, Objects fresh, KernelReader const& reader)
+Applied makeAddressesEqual(nl_cache* cache, std::vector<ObjectPtr> fresh, Slices const& slices)
 {
     std::vector<std::pair<std::uint64_t, nl_object*>> held;
     for (nl_object* const object : objectsOf(cache)) {
@@ -362,10 +162,11 @@ Applied makeAddressesEqual(nl_cache* cache, Objects fresh, KernelReader const& r
     for (auto const& [key, object] : held) {
         changes.push_back({object, nullptr});
     }
-    return apply(cache, std::move(changes), reader);
+    return apply(cache, std::move(changes), slices);
 }
 
-std::optional<std::vector<std::uint64_t>> makeRoutesEqual(nl_cache* cache, Objects fresh, KernelReader const& reader)
+std::optional<std::vector<std::uint64_t>> makeRoutesEqual(nl_cache* cache, std::vector<ObjectPtr> fresh,
+                                                          Slices const& slices)
 {
     std::vector<Fresh> sorted = sortByKey(std::move(fresh), keyOfRoute);
     std::vector<std::uint64_t> duplicates;
@@ -374,17 +175,17 @@ std::optional<std::vector<std::uint64_t>> makeRoutesEqual(nl_cache* cache, Objec
             duplicates.push_back(route.key);
         }
     }
-    if (!makeEqual(cache, std::move(sorted), reader, keyOfRoute).complete) {
+    if (!makeEqual(cache, std::move(sorted), slices, keyOfRoute).complete) {
         return std::nullopt;
     }
     return duplicates;
 }
 
-Applied removeStaleRoutes(nl_cache* cache, std::vector<nl_object*> const& routes, Objects fresh,
-                          KernelReader const& reader)
+Applied removeStaleRoutes(nl_cache* cache, std::vector<nl_object*> const& routes, std::vector<ObjectPtr> fresh,
+                          Slices const& slices)
 {
     std::vector<Fresh> sorted = sortByKey(std::move(fresh), keyOfRoute);
-    return apply(cache, compare(routes, sorted, keyOfRoute), reader);
+    return apply(cache, compare(routes, sorted, keyOfRoute), slices);
 }
 
 bool holdsAddressTwice(nl_cache* cache)

@@ -1,10 +1,12 @@
-// Which tables may differ from the kernel, and when they may be read again. Makes no system call.
+// What in the caches may differ from the kernel, and when it may be read again.
 #pragma once
 
 #include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <utility>
 #include <vector>
 
 struct rtnl_addr;
@@ -30,8 +32,8 @@ public:
     }
     bool contains(Number number) const
     {
-        for (Number const& other : *this) {
-            if (other == number) {
+        for (Number const held : *this) {
+            if (held == number) {
                 return true;
             }
         }
@@ -48,67 +50,82 @@ private:
     bool overflown = false;
 };
 
-// Notifications keep the caches equal to the kernel's tables, but for these causes of difference:
-//   - An overrun: the event socket was full and the kernel dropped notifications, or libnl failed to apply one. All
-//     tables are dirty.
-//   - What arrived before the event socket was filtered, which is thrown away. All tables are dirty.
-//   - Routes that the kernel drops without a notification: when a link of theirs goes down or away, when their
-//     preferred source address goes away, and when their nexthop object changes, goes away, or its link loses the
-//     carrier. The routes of these links and addresses are dirty; after a change of a nexthop object, all routes.
-//   - Two routes that differ in their next hops alone: libnl holds one of them, and none when either is removed. All
-//     routes are dirty.
-//   - An address that was notified again, of a link with several: libnl moves it to the end of its cache. The addresses
-//     are dirty.
-//   - A queueing discipline, which the kernel does not notify with its link. The link is asked for; if that fails, it is
-//     as after an overrun.
+// Notes what makes a cache, or a part of it, differ from the kernel: it is dirty then. A reading takes what it mends, and
+// notes it again if it fails; so what is noted while it is in progress stays for the next one.
 //
-// Used by the event thread alone, and before it by the constructor. The note functions are called from libnl's callback,
-// and no exception may pass libnl's frames, so they allocate nothing.
+// Used by the event thread alone, and before it by the constructor. Makes no system call. The functions that note a
+// change are called below frames of libnl, which no exception may pass, so they allocate nothing.
 class DirtyTables {
 public:
     using Clock = std::chrono::steady_clock;
 
-    // What libnl has applied, with its action (NL_ACT_*).
+    // ---- What happened ----
+
+    // A change that libnl has applied, with its action (NL_ACT_*).
     void noteLink(rtnl_link* link, int action);
     void noteAddress(rtnl_addr* address, int action);
     void noteRoute(rtnl_route* route, int action);
 
-    void noteOverrun();
-    void noteAll(); // all tables are dirty
+    // A table may differ, for another reason.
+    void noteAddresses() { addresses = true; }
+    void noteRoutes() { routes = true; }
 
-    // A reading of the tables, or of the routes of some links, ended and cost that much processor time. Each of the two
-    // kinds has a budget of its own: it pauses nine times as long as it took.
-    void noteTablesRead(std::chrono::nanoseconds cost, Clock::time_point end, bool complete);
-    void noteRoutesOfLinksRead(std::chrono::nanoseconds cost, Clock::time_point end, bool complete);
+    // Notifications were lost: each table may differ.
+    void noteLoss();
 
-    // Whether the kernel may hold several routes with the key of this one.
-    bool isOneOfSeveral(rtnl_route* route) const;
+    // ---- What a reading of all routes has shown ----
 
-    // What may be read now.
-    bool areTablesDue(Clock::time_point now) const { return tables() && now >= nextTables; }
-    bool areRoutesOfLinksDue(Clock::time_point now) const { return routesOfLinks() && now >= nextRoutesOfLinks; }
+    // The keys, sorted, of which the kernel has several routes, or std::nullopt when a reading failed.
+    void setSharedKeys(std::optional<std::vector<std::uint64_t>> keys) { sharedKeys = std::move(keys); }
+    // Whether the kernel may have several routes with the key of this one.
+    bool mayShareKey(rtnl_route* route) const;
+
+    void setNexthopObjects(bool may) { nexthopObjects = may; }
+
+    // ---- What is to be read ----
+
+    // Each true once after it was noted.
+    bool takeLinks() { return take(links); }
+    bool takeAddresses() { return take(addresses); }
+    bool takeRoutes() { return take(routes); }
+
+    // The links and the addresses whose routes may differ, and what is known of these routes.
+    struct Causes {
+        NumberSet<int> links;               // routes with a hop on one of these
+        NumberSet<std::uint32_t> addresses; // routes with one of these as preferred source
+        NumberSet<std::uint64_t> renewed;   // but for the routes with these keys, which were notified after that
+    };
+    Causes takeCauses();
+    void putBack(Causes const& causes);
+
+    // Whether a table, or the routes of some links, may be read now.
+    bool areTablesDue(Clock::time_point now) const { return isAnyTable() && now >= nextTables; }
+    bool areCausesDue(Clock::time_point now) const { return isAnyCause() && now >= nextCauses; }
 
     // The milliseconds until something is due, -1: nothing is dirty.
     int untilDue(Clock::time_point now) const;
 
-    bool overrun = false; // the kernel drops notifications until the event socket has been read to its end
+    // Whether notifications were lost, and not all tables have been read since.
+    bool hasLoss() const { return links; }
+
+    // A reading of tables, or of the routes of some links, ended and cost that much processor time. The next one of the
+    // same kind waits nine times as long, if that was a millisecond or more.
+    void noteTablesRead(std::chrono::nanoseconds cost, Clock::time_point end, bool complete);
+    void noteCausesRead(std::chrono::nanoseconds cost, Clock::time_point end, bool complete);
+
+private:
+    static bool take(bool& table);
+    bool isAnyTable() const { return links || addresses || routes; }
+    bool isAnyCause() const { return !causes.links.empty() || !causes.addresses.empty(); }
+
     bool links = false;
     bool addresses = false;
     bool routes = false;
-    NumberSet<int> routesOverLinks;               // the routes with a hop on one of these links
-    NumberSet<std::uint32_t> routesFromAddresses; // the routes with one of these as preferred source
-    bool nexthopObjects = true;                   // the kernel has some, or may have
-    std::vector<std::uint64_t> severalRoutes;     // keys, sorted, of which the kernel holds several routes
-    bool severalRoutesKnown = false;              // whether all routes were read once: libnl's cache does not show it
-    bool addressesAfterwards = false;             // the addresses are dirty again when the reading in progress is done
-    bool routesAfterwards = false;                // the same of all routes
-
-private:
-    bool tables() const { return links || addresses || routes; }
-    bool routesOfLinks() const { return !routesOverLinks.empty() || !routesFromAddresses.empty(); }
-
-    Clock::time_point nextTables{}; // no reading before
-    Clock::time_point nextRoutesOfLinks{};
+    Causes causes;
+    bool nexthopObjects = true;                           // the kernel has some, or may have
+    std::optional<std::vector<std::uint64_t>> sharedKeys; // none: libnl's filling of its cache does not tell them
+    Clock::time_point nextTables{};                       // no reading before
+    Clock::time_point nextCauses{};
 };
 
 } // namespace netlink_route

@@ -18,26 +18,10 @@ int checkLink(rtnl_link* link, std::string const& name)
     return link != nullptr ? 0 : -NLE_NOMEM;
 }
 
-namespace {
-
-bool isSameMac(Address const& lhs, Address const& rhs)
+bool isSameMac(nl_addr* wanted, Address const& current)
 {
-    NlAddrPtr const left = parseAddress(lhs.getAddress(), AF_LLC);
-    NlAddrPtr const right = parseAddress(rhs.getAddress(), AF_LLC);
-    return left != nullptr && right != nullptr && nl_addr_cmp(left.get(), right.get()) == 0;
-}
-
-} // namespace
-
-void leaveOutKnownAddresses(Interface& wanted, Interface const& current)
-{
-    Address const notGiven("", Address::MAC);
-    if (isSameMac(wanted.getMac(), current.getMac())) {
-        wanted.setMac(notGiven);
-    }
-    if (isSameMac(wanted.getBroadcast(), current.getBroadcast())) {
-        wanted.setBroadcast(notGiven);
-    }
+    NlAddrPtr const held = parseAddress(current.getAddress(), AF_LLC);
+    return wanted != nullptr && held != nullptr && nl_addr_cmp(wanted, held.get()) == 0;
 }
 
 bool hasSameIps(Interface const& found, Interface const& wanted)

@@ -12,9 +12,9 @@ namespace netlink_route {
 // link; and to the kernel an empty name together with a group means every link of the group.
 int checkLink(rtnl_link* link, std::string const& name);
 
-// Takes a MAC or a broadcast address that the link has already out of what is wanted: an ordinary NIC that is up refuses
-// to have its MAC set, even to the same one.
-void leaveOutKnownAddresses(Interface& wanted, Interface const& current);
+// Whether the wanted MAC or broadcast address, which may be null, is the one that the link has already. It is left out of
+// a request then: an ordinary NIC that is up refuses to have its MAC set, even to the same one.
+bool isSameMac(nl_addr* wanted, Address const& current);
 
 // Whether both have as many addresses, and the same text for the first one.
 bool hasSameIps(Interface const& found, Interface const& wanted);

@@ -1,9 +1,11 @@
 #include "LockQueue.h"
 
 #include "EventSocket.h"
+#include "Locks.h"
 #include "MyLock.h"
 
 #include <atomic>
+#include <ctime>
 #include <unistd.h>
 
 namespace netlink_route {
@@ -14,8 +16,10 @@ namespace {
 std::atomic<unsigned int> arrived{0};
 std::atomic<unsigned int> served{0};
 
-} // namespace
+Mutex passMutex;
+EventSocket* running GUARDED_BY(passMutex) = nullptr; // of the pass that holds mutex_man
 
+// Long enough for an ordinary pass to end by itself.
 timespec inAMillisecond()
 {
     constexpr long second = 1000000000; // in nanoseconds
@@ -29,6 +33,8 @@ timespec inAMillisecond()
     return time;
 }
 
+} // namespace
+
 void lockMutexMan()
 {
     if (pthread_mutex_trylock(&mutex_man) == 0) {
@@ -37,7 +43,7 @@ void lockMutexMan()
     ++arrived;
     timespec deadline = inAMillisecond();
     while (pthread_mutex_timedlock(&mutex_man, &deadline) != 0) { // again: another pass may have begun meanwhile
-        EventSocket::endRunningPass();
+        endRunningPass();
         deadline = inAMillisecond();
     }
     ++served;
@@ -50,6 +56,27 @@ void letWaitersGo()
     unsigned int const before = arrived;
     for (int i = 0; i < 100 && static_cast<int>(served - before) < 0; ++i) {
         usleep(50);
+    }
+}
+
+RunningPass::RunningPass(EventSocket& socket)
+{
+    MutexLock const guard(passMutex);
+    running = &socket;
+}
+
+RunningPass::~RunningPass()
+{
+    MutexLock const guard(passMutex);
+    running->show();
+    running = nullptr;
+}
+
+void endRunningPass()
+{
+    MutexLock const guard(passMutex);
+    if (running != nullptr) {
+        running->hide();
     }
 }
 

@@ -24,11 +24,11 @@ unsigned int loaded(unsigned int type) { return htons(static_cast<std::uint16_t>
 // for each socket, which takes 1.5 us for each instruction, so that a short one starts faster.
 class Program {
 public:
-    // Loads the type as that of the message which says "new": "deleted" is the next number, in all of rtnetlink.
+    // Loads the type as that of the message which says "new".
     void loadType()
     {
         add(BPF_LD | BPF_H | BPF_ABS, offsetof(nlmsghdr, nlmsg_type));
-        add(BPF_ALU | BPF_AND | BPF_K, loaded(0xFFFE));
+        add(BPF_ALU | BPF_AND | BPF_K, loaded(newOrDeleted));
     }
 
     // The family is the first byte behind the header, in all messages for which it is loaded.
@@ -83,19 +83,12 @@ void keepNotices(Program& program)
 
 } // namespace
 
-void attachNoticesFilter(int descriptor)
+void attachNoticeFilter(int descriptor)
 {
     Program program;
     keepNotices(program);
     program.drop();
     program.attach(descriptor);
-}
-
-bool mayConcernCaches(MessageStart const& message)
-{
-    unsigned int const type = message.header.nlmsg_type & 0xFFFEU; // "deleted" is the number after "new"
-    bool const isOfFamily = type == RTM_NEWLINK || type == RTM_NEWADDR || type == RTM_NEWROUTE;
-    return !isOfFamily || message.family == AF_UNSPEC || message.family == AF_INET;
 }
 
 void attachEventFilter(int descriptor)

@@ -1,8 +1,6 @@
 // What the kernel may queue on a socket that receives notifications.
 #pragma once
 
-#include <linux/netlink.h>
-
 namespace netlink_route {
 
 // Lets through what concerns the caches, or the routes in them: the changes of links, of IPv4 addresses and routes, of
@@ -17,14 +15,6 @@ namespace netlink_route {
 void attachEventFilter(int descriptor);
 
 // The same for a socket of which nothing but queueing disciplines and nexthop objects is wanted.
-void attachNoticesFilter(int descriptor);
-
-// For a message that came before the event filter: whether the filter might have let it through. Of those that arrive
-// during a boot, most are about IPv6.
-struct MessageStart {
-    nlmsghdr header;
-    unsigned char family;
-};
-bool mayConcernCaches(MessageStart const& message);
+void attachNoticeFilter(int descriptor);
 
 } // namespace netlink_route

@@ -1,0 +1,70 @@
+// Reads from the kernel what is dirty, and makes the caches equal to it.
+#pragma once
+
+#include "CacheSync.h"
+#include "DirtyTables.h"
+#include "KernelReader.h"
+
+#include <atomic>
+#include <vector>
+
+namespace netlink_route {
+
+class EventSocket;
+
+// The caches of a manager. Those that it does not have are null.
+struct Caches {
+    nl_cache* link = nullptr;
+    nl_cache* route = nullptr;
+    nl_cache* addr = nullptr;
+};
+
+// Carries out what DirtyTables says: each reading takes its cause from there, and notes it again if it fails.
+//
+// Used by the event thread alone, and before it by the constructor. Takes mutex_man while it changes a cache, for small
+// slices of the changes; and not in the constructor, whose caches nobody else knows.
+class TableRepair {
+public:
+    TableRepair(DirtyTables& tables, EventSocket const& socket, std::atomic<bool> const& toStop)
+        : dirty(tables), events(socket), stop(toStop), reader(toStop)
+    {
+    }
+
+    // Opens the socket of the readings. Returns libnl's result.
+    int open() { return reader.open(); }
+
+    // The caches to be repaired: first those of the constructor, which are not locked, then those of the event thread.
+    void useCaches(Caches const& toRepair, bool lock);
+
+    // Reads what is dirty, if it is time for that.
+    void readWhatIsDue();
+
+    // In the child of a fork: closes the descriptor.
+    void abandon() { reader.abandon(); }
+
+private:
+    bool readTables();
+    bool readLinks();
+    bool readAddresses();
+    bool readRoutes();
+
+    // The routes that may have gone with their links or addresses.
+    struct Suspects {
+        std::vector<nl_object*> routes; // of the cache
+        NumberSet<int> links;           // that their hops use
+        bool needAll = false;           // the kernel cannot be asked for these routes alone
+    };
+    bool readRoutesOfCauses();
+    Suspects findSuspects(DirtyTables::Causes const& causes);
+    bool readRoutesOf(Suspects const& suspects);
+    Slices slices() const { return {stop, lockSlices}; }
+
+    DirtyTables& dirty;
+    EventSocket const& events;
+    std::atomic<bool> const& stop;
+    KernelReader reader;
+    Caches caches;
+    bool lockSlices = false;
+};
+
+} // namespace netlink_route
