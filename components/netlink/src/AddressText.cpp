@@ -51,7 +51,7 @@ bool isMac(std::string const& text)
             return false;
         }
     }
-    return numbers == 6 && digits > 0;
+    return numbers == 6;
 }
 
 } // namespace

@@ -911,7 +911,7 @@ bool CacheManager::remove(Route const& route)
         return false;
     }
     object.reset();
-    waitForEvents();
+    waitForEvents(); // a signal may end the pause at once
     guard.pause();
     return true;
 }

@@ -301,8 +301,8 @@ void CacheMirror::abandon()
     repair.abandon();
 }
 
-// Whether the event thread has applied what is queued. If not, waits for its turn to end, and not longer than that time.
-// In this order: a notification that is no longer queued is being applied, or has been.
+// Whether the event thread has applied what was queued: a notification that is no longer queued is being applied, in a
+// turn, or has been. If not, waits for the turn to end, and not longer than that time.
 bool CacheMirror::hasCaughtUp(std::chrono::microseconds wait)
 {
     MutexLock const guard(workMutex);

@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstring>
-#include <linux/if_link.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <netlink/errno.h>
@@ -120,11 +119,7 @@ std::optional<Objects> KernelReader::dump(int type, void* body, std::size_t size
 
 std::optional<Objects> KernelReader::readLinks()
 {
-    struct {
-        ifinfomsg header{};
-        rtattr attribute{RTA_LENGTH(sizeof(unsigned int)), IFLA_EXT_MASK};
-        unsigned int mask = RTEXT_FILTER_VF; // as libnl asks
-    } body;
+    ifinfomsg body{};
     return dump(RTM_GETLINK, &body, sizeof body);
 }
 
