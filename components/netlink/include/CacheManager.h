@@ -240,12 +240,12 @@ private:
     NETLINK_ROUTE_LOCAL int sendOnRouteSocket(Send send);
 
     // Sends a change of the link with that index or, with 0, its creation. Returns libnl's result.
-    NETLINK_ROUTE_LOCAL int sendLink(rtnl_link* link, std::string const& name, int index);
+    NETLINK_ROUTE_LOCAL int sendLink(rtnl_link* link, std::string const& name, int index, bool wait);
 
     // Waits until the caches show what was changed, if there are caches.
     NETLINK_ROUTE_LOCAL void waitForEvents() const;
 
-    // The public operations of these names, with or without that wait.
+    // The public operations of these names. All three with `wait` wait until the caches show the change.
     NETLINK_ROUTE_LOCAL bool add(Address const& address, int index, bool wait);
     NETLINK_ROUTE_LOCAL bool remove(Address const& address, int index, bool wait);
 

@@ -701,7 +701,7 @@ void CacheManager::replaceIps(int index, Interface const& wanted)
     waitForEvents();
 }
 
-int CacheManager::sendLink(rtnl_link* link, std::string const& name, int index)
+int CacheManager::sendLink(rtnl_link* link, std::string const& name, int index, bool wait)
 {
     int result = checkLink(link, name);
     if (result != 0) {
@@ -722,7 +722,9 @@ int CacheManager::sendLink(rtnl_link* link, std::string const& name, int index)
     if (!isUp && mirror != nullptr) { // the kernel notifies nobody of some changes of a link that is down
         mirror->askForLink(name);
     }
-    waitForEvents();
+    if (wait) {
+        waitForEvents();
+    }
     return result;
 }
 
@@ -737,7 +739,9 @@ bool CacheManager::update(Interface const& interface, int tries)
         TRACE_DEBUG1("interface with name %s was not yet added", name.c_str());
     }
     LinkPtr const link = makeLink(interface, current);
-    int const result = sendLink(link.get(), name, current.getIndex());
+    // What is verified of the link shows already, and the replacement of the addresses waits.
+    bool const waitsLater = exists && interface == current && !interface.getIps().empty();
+    int const result = sendLink(link.get(), name, current.getIndex(), !waitsLater);
     if (result != 0 && exists) {
         TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result), interface.getIndex(),
                     name.c_str());
@@ -821,7 +825,7 @@ bool CacheManager::update(Vlan const& vlan, int tries)
     if (!exists && link != nullptr) {
         rtnl_link_set_link(link.get(), parent.getIndex());
     }
-    int const result = sendLink(link.get(), name, current.getIndex());
+    int const result = sendLink(link.get(), name, current.getIndex(), true);
     if (result != 0 && exists) {
         TRACE_ERROR("update failed with %s for device id %d and name %s", nl_geterror(-result), vlan.getIndex(),
                     name.c_str());

@@ -333,19 +333,20 @@ std::chrono::nanoseconds timeOn(clockid_t clock)
 void CacheMirror::waitForEvents()
 {
     using namespace std::chrono_literals;
-    auto const start = std::chrono::steady_clock::now();
-    std::chrono::nanoseconds const atFirst = 200us;
+    using Clock = std::chrono::steady_clock;
+    auto const start = Clock::now();
+    while (Clock::now() < start + 200us) {
+        if (hasCaughtUp(0us)) {
+            return;
+        }
+        sched_yield();
+    }
     std::chrono::nanoseconds worked{0};
     std::chrono::nanoseconds before = timeOn(threadClock);
-    std::chrono::nanoseconds waited{0};
-    while (!hasCaughtUp(waited < atFirst ? 0us : 1ms) && waited < 1s && worked < 100ms) {
-        if (waited < atFirst) {
-            sched_yield();
-        }
+    while (!hasCaughtUp(1ms) && worked < 100ms && Clock::now() < start + 1s) {
         std::chrono::nanoseconds const now = timeOn(threadClock);
         worked += reading ? 0ns : now - before;
         before = now;
-        waited = std::chrono::steady_clock::now() - start;
     }
 }
 

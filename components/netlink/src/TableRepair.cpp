@@ -32,15 +32,15 @@ std::chrono::nanoseconds processorTime()
 void TableRepair::readWhatIsDue()
 {
     using Clock = DirtyTables::Clock;
-    std::chrono::nanoseconds const start = processorTime();
     if (dirty.areCausesDue(Clock::now())) { // first, since it costs little
+        std::chrono::nanoseconds const start = processorTime();
         bool const complete = readRoutesOfCauses();
         dirty.noteCausesRead(processorTime() - start, Clock::now(), complete);
     }
     if (dirty.areTablesDue(Clock::now())) {
-        std::chrono::nanoseconds const middle = processorTime();
+        std::chrono::nanoseconds const start = processorTime();
         bool const complete = readTables();
-        dirty.noteTablesRead(processorTime() - middle, Clock::now(), complete);
+        dirty.noteTablesRead(processorTime() - start, Clock::now(), complete);
     }
 }
 
