@@ -5,14 +5,10 @@
 #include "LockQueue.h"
 #include "Memory.h"
 
-#include <ctime>
-#include <linux/rtnetlink.h>
 #include <netlink/cache.h>
 #include <netlink/errno.h>
 #include <netlink/object.h>
 #include <new>
-#include <sched.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace netlink_route {
@@ -84,38 +80,6 @@ int CacheMirror::open(nl_cache_mngr* cacheManager)
     return result;
 }
 
-namespace {
-
-rtnl_addr* toAddress(nl_object* object) { return reinterpret_cast<rtnl_addr*>(object); }
-
-// Whether libnl has filled the cache with something else than the kernel's IPv4 routes: with route exceptions among
-// them, which RTM_F_CLONED marks, or with IPv6 routes (see addRouteCache), of which there may have been none.
-bool needsReading(nl_cache* routes)
-{
-    nl_object* object = nl_cache_get_first(routes);
-    auto const isRoute = [](rtnl_route* route) {
-        return rtnl_route_get_family(route) == AF_INET && (rtnl_route_get_flags(route) & RTM_F_CLONED) == 0;
-    };
-    bool isFine = object != nullptr;
-    for (; object != nullptr && isFine; object = nl_cache_get_next(object)) {
-        isFine = isRoute(reinterpret_cast<rtnl_route*>(object));
-    }
-    return !isFine;
-}
-
-void dropOtherFamilies(nl_cache* addresses)
-{
-    nl_object* following = nullptr;
-    for (nl_object* object = nl_cache_get_first(addresses); object != nullptr; object = following) {
-        following = nl_cache_get_next(object);
-        if (rtnl_addr_get_family(toAddress(object)) != AF_INET) {
-            nl_cache_remove(object);
-        }
-    }
-}
-
-} // namespace
-
 void CacheMirror::begin(Caches const& filled) noexcept
 {
     assumeEventThread();
@@ -134,14 +98,11 @@ void CacheMirror::begin(Caches const& filled) noexcept
     registry = this;
 }
 
-// libnl takes route exceptions for routes. And when the kernel's addresses change during a dump, libnl asks for it
-// again without removing what it has added, so an address may stand in the cache twice.
-//
 // A notification that waits already may be of an address that went before the cache of the addresses was filled. libnl
 // will not tell of it, and the routes that the kernel dropped with it may stand in their cache: so they are read.
 void CacheMirror::correctFilling()
 {
-    if (caches.route != nullptr && needsReading(caches.route)) {
+    if (caches.route != nullptr && holdsOthersThanIpv4Routes(caches.route)) {
         dirty.noteRoutes();
     }
     if (caches.addr != nullptr) {
@@ -156,8 +117,6 @@ void CacheMirror::correctFilling()
     }
 }
 
-void CacheMirror::setThread(pthread_t thread) { pthread_getcpuclockid(thread, &threadClock); }
-
 // ---- The event thread ----
 
 int CacheMirror::untilDue() const
@@ -169,7 +128,7 @@ int CacheMirror::untilDue() const
 void CacheMirror::takeTurn(bool hasArrived, void (*applyLocked)(CacheMirror&)) noexcept
 {
     assumeEventThread();
-    beginWork();
+    turns.begin();
     bool const done = fitsInMemory([&] {
         assumeEventThread();
         if (hasArrived) {
@@ -183,7 +142,7 @@ void CacheMirror::takeTurn(bool hasArrived, void (*applyLocked)(CacheMirror&)) n
         dirty.noteLoss();
         usleep(10000); // what is queued would wake the thread again at once
     }
-    endWork();
+    turns.end(!dirty.hasLoss()); // after a loss only a reading shows what has changed
 }
 
 int CacheMirror::countObjects() const
@@ -235,8 +194,9 @@ void CacheMirror::noteChange(nl_cache* cache, nl_object* object, int action) noe
     } else if (cache == caches.route) {
         dirty.noteRoute(reinterpret_cast<rtnl_route*>(object), action);
     } else {
-        dirty.noteAddress(toAddress(object), action);
-        if (action == NL_ACT_CHANGE && hasNeighbour(cache, toAddress(object))) { // it is the last one in the cache now
+        auto* const address = reinterpret_cast<rtnl_addr*>(object);
+        dirty.noteAddress(address, action);
+        if (action == NL_ACT_CHANGE && hasNeighbour(cache, address)) { // it is the last one in the cache now
             dirty.noteAddresses();
         }
     }
@@ -265,24 +225,9 @@ void CacheMirror::readWhatIsDue()
     if (dirty.hasLoss() && !events.isEmpty()) {
         return;
     }
-    reading = true;
+    turns.setReading(true);
     repair.readWhatIsDue();
-    reading = false;
-}
-
-void CacheMirror::beginWork()
-{
-    MutexLock const guard(workMutex);
-    working = true;
-}
-
-void CacheMirror::endWork()
-{
-    {
-        MutexLock const guard(workMutex);
-        working = dirty.hasLoss(); // only a reading shows what was changed meanwhile
-    }
-    workEnded.notify_all();
+    turns.setReading(false);
 }
 
 // ---- The threads of the callers ----
@@ -299,55 +244,6 @@ void CacheMirror::abandon()
     events.abandon();
     notices.abandon();
     repair.abandon();
-}
-
-// Whether the event thread has applied what was queued: a notification that is no longer queued is being applied, in a
-// turn, or has been. If not, waits for the turn to end, and not longer than that time.
-bool CacheMirror::hasCaughtUp(std::chrono::microseconds wait)
-{
-    MutexLock const guard(workMutex);
-    if (events.isEmpty() && !working) {
-        return true;
-    }
-    if (wait.count() > 0) {
-        workMutex.waitFor(workEnded, wait);
-    }
-    return false;
-}
-
-namespace {
-
-std::chrono::nanoseconds timeOn(clockid_t clock)
-{
-    timespec time{};
-    clock_gettime(clock, &time);
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
-} // namespace
-
-// Mostly the event thread needs less than 200 us, and to be woken takes as long again: so at first this thread only lets
-// others run. Then it looks each millisecond how long the event thread has worked since. What counts is the processor
-// time of that thread, its readings aside: the limit is for notifications that come without end, not for a large table
-// or a busy processor.
-void CacheMirror::waitForEvents()
-{
-    using namespace std::chrono_literals;
-    using Clock = std::chrono::steady_clock;
-    auto const start = Clock::now();
-    while (Clock::now() < start + 200us) {
-        if (hasCaughtUp(0us)) {
-            return;
-        }
-        sched_yield();
-    }
-    std::chrono::nanoseconds worked{0};
-    std::chrono::nanoseconds before = timeOn(threadClock);
-    while (!hasCaughtUp(1ms) && worked < 100ms && Clock::now() < start + 1s) {
-        std::chrono::nanoseconds const now = timeOn(threadClock);
-        worked += reading ? 0ns : now - before;
-        before = now;
-    }
 }
 
 } // namespace netlink_route

@@ -6,10 +6,9 @@
 #include "Locks.h"
 #include "NoticeSocket.h"
 #include "TableRepair.h"
+#include "Turns.h"
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <memory>
 #include <pthread.h>
 #include <string>
@@ -39,7 +38,7 @@ public:
     void begin(Caches const& filled) noexcept;
 
     // Says which thread is the event thread.
-    void setThread(pthread_t thread);
+    void setThread(pthread_t thread) { turns.setThread(thread); }
 
     // ---- The event thread ----
 
@@ -62,10 +61,9 @@ public:
 
     // ---- The threads of the callers ----
 
-    // Waits until the event thread has applied what is queued. The kernel queues the notifications of a change before it
-    // acknowledges the request for it. Gives up when the event thread has applied notifications for a tenth of a second
-    // of its processor time, or after a second.
-    void waitForEvents();
+    // Waits until the event thread has applied what is queued (see Turns). The kernel queues the notifications of a
+    // change before it acknowledges the request for it.
+    void waitForEvents() { turns.wait(events); }
 
     // Has the kernel tell how the link is, as if it had changed.
     void askForLink(std::string const& name) const { events.askForLink(name); }
@@ -82,13 +80,11 @@ private:
     int countObjects() const REQUIRES(eventThread);
     void takeNotices() REQUIRES(eventThread);
     void readWhatIsDue() REQUIRES(eventThread);
-    void beginWork();
-    void endWork() REQUIRES(eventThread);
-    bool hasCaughtUp(std::chrono::microseconds wait);
 
     nl_cache_mngr* manager = nullptr;
     CacheMirror* next = nullptr; // in the registry
     EventSocket events;
+    Turns turns;
     std::atomic<bool> stopping{false};
 
     NoticeSocket notices GUARDED_BY(eventThread);
@@ -98,12 +94,6 @@ private:
     int changes GUARDED_BY(eventThread) = 0; // that libnl has told of in this pass
     int expected GUARDED_BY(eventThread) =
         0; // objects in the caches: those before this pass, and what libnl told since
-
-    Mutex workMutex;
-    std::condition_variable workEnded;
-    bool working GUARDED_BY(workMutex) = false; // in a turn, or after a loss that no reading has mended yet
-    std::atomic<bool> reading{false};           // in the part of a turn that reads the kernel
-    clockid_t threadClock = -1;                 // counts the processor time of the event thread
 };
 
 } // namespace netlink_route

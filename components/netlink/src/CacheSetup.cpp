@@ -3,8 +3,11 @@
 #include "Descriptor.h"
 
 #include <cerrno>
+#include <linux/rtnetlink.h>
 #include <netlink/errno.h>
 #include <netlink/netlink.h>
+#include <netlink/route/addr.h>
+#include <netlink/route/route.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
@@ -47,6 +50,31 @@ int addRouteCache(nl_cache_mngr* manager, nl_cache*& cache, change_func_t callba
         nl_cache_set_arg1(cache, AF_INET);
     }
     return addCache(manager, cache, callback, data);
+}
+
+// RTM_F_CLONED marks route exceptions. No route at all: there may have been no IPv6 route in their place.
+bool holdsOthersThanIpv4Routes(nl_cache* routes)
+{
+    nl_object* object = nl_cache_get_first(routes);
+    auto const isRoute = [](rtnl_route* route) {
+        return rtnl_route_get_family(route) == AF_INET && (rtnl_route_get_flags(route) & RTM_F_CLONED) == 0;
+    };
+    bool isFine = object != nullptr;
+    for (; object != nullptr && isFine; object = nl_cache_get_next(object)) {
+        isFine = isRoute(reinterpret_cast<rtnl_route*>(object));
+    }
+    return !isFine;
+}
+
+void dropOtherFamilies(nl_cache* addresses)
+{
+    nl_object* following = nullptr;
+    for (nl_object* object = nl_cache_get_first(addresses); object != nullptr; object = following) {
+        following = nl_cache_get_next(object);
+        if (rtnl_addr_get_family(reinterpret_cast<rtnl_addr*>(object)) != AF_INET) {
+            nl_cache_remove(object);
+        }
+    }
 }
 
 // From the last object to the first: libnl's hash tables have 1,024 buckets, which it searches from the youngest object

@@ -21,6 +21,13 @@ int addCache(nl_cache_mngr* manager, nl_cache*& cache, change_func_t callback, v
 // can parse.
 int addRouteCache(nl_cache_mngr* manager, nl_cache*& cache, change_func_t callback, void* data);
 
+// Whether the filled cache holds something else than the kernel's IPv4 routes: route exceptions, which libnl takes for
+// routes, or IPv6 routes.
+bool holdsOthersThanIpv4Routes(nl_cache* routes);
+
+// libnl fills the cache of the addresses with those of all families.
+void dropOtherFamilies(nl_cache* addresses);
+
 // Frees the manager and the caches that it has taken: nl_cache_mngr_free, without its seconds for large caches.
 void freeManager(nl_cache_mngr* manager, std::initializer_list<nl_cache*> caches);
 

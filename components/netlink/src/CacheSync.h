@@ -40,7 +40,8 @@ std::optional<std::vector<std::uint64_t>> makeRoutesEqual(nl_cache* cache, std::
 Applied removeStaleRoutes(nl_cache* cache, std::vector<nl_object*> const& routes, std::vector<ObjectPtr> fresh,
                           Slices const& slices);
 
-// Whether an address stands in the cache twice.
+// Whether an address stands in the cache twice: when the kernel's addresses change while libnl fills its cache, libnl
+// begins again without removing what it has added.
 bool holdsAddressTwice(nl_cache* cache);
 
 } // namespace netlink_route
