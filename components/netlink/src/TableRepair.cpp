@@ -120,22 +120,38 @@ bool TableRepair::readRoutes()
 
 // ---- The routes of some links ----
 
+// The kernel notifies most of the routes that go with an address, a moment after the address. So when notifications have
+// come until the kernel is done, they are applied first: mostly no route is in question then. Not twice in a row, since
+// others may change something without pause.
 bool TableRepair::readRoutesOfCauses()
 {
+    bool const hadPutOff = std::exchange(hasPutOff, false);
     DirtyTables::Causes const causes = dirty.takeCauses();
     if (caches.route == nullptr) {
         return true;
     }
     Suspects const suspects = findSuspects(causes);
+    if (suspects.routes.empty() && !suspects.needAll) {
+        return true;
+    }
+    if (!reader.waitForKernel()) {
+        dirty.putBack(causes);
+        return false;
+    }
+    hasPutOff = !hadPutOff && !events.isEmpty();
+    if (hasPutOff) {
+        dirty.putBack(causes);
+        return true;
+    }
     if (suspects.needAll) {
         dirty.noteRoutes();
         return true;
     }
-    if (suspects.routes.empty() || readRoutesOf(suspects)) {
-        return true;
+    bool const complete = readRoutesOf(suspects);
+    if (!complete) {
+        dirty.putBack(causes);
     }
-    dirty.putBack(causes);
-    return false;
+    return complete;
 }
 
 namespace {
@@ -179,8 +195,8 @@ TableRepair::Suspects TableRepair::findSuspects(DirtyTables::Causes const& cause
 // Asks for the routes of each link that the suspects' hops use, and removes the suspects that the kernel does not have.
 bool TableRepair::readRoutesOf(Suspects const& suspects)
 {
-    if (!reader.waitForKernel()) {
-        return false;
+    if (suspects.mayHide) {
+        dirty.noteRoutes();
     }
     Objects fresh;
     for (int const link : suspects.links) {

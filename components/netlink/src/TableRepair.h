@@ -53,6 +53,7 @@ private:
         std::vector<nl_object*> routes; // of the cache
         NumberSet<int> links;           // that their hops use
         bool needAll = false;           // the kernel cannot be asked for these routes alone
+        bool mayHide = false;           // the kernel may have others with their keys, which the cache does not hold
     };
     bool readRoutesOfCauses();
     Suspects findSuspects(DirtyTables::Causes const& causes);
@@ -65,6 +66,7 @@ private:
     KernelReader reader;
     Caches caches;
     bool lockSlices = false;
+    bool hasPutOff = false; // the last reading of the routes of some links
 };
 
 } // namespace netlink_route
