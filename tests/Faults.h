@@ -37,7 +37,8 @@ void failAllocations(int first);
 extern std::atomic<int> sleeps;          // calls of sleep(3)
 extern std::atomic<int> tablesRead;      // requests for a whole table
 extern std::atomic<long> objectsApplied; // objects that libnl put into caches
-extern std::atomic<int> unlockedChanges; // those of them that it put there while the lock was free
+extern std::atomic<int>
+    unlockedChanges; // those that another thread than the main one put there while the lock was free
 
 // Whether a thread was cancelled, in this process.
 extern std::atomic<bool> cancelled;

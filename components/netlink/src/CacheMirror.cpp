@@ -98,13 +98,15 @@ void CacheMirror::begin(Caches const& filled) noexcept
     registry = this;
 }
 
-// A notification that waits already may be of an address that went before the cache of the addresses was filled. libnl
-// will not tell of it, and the routes that the kernel dropped with it may stand in their cache: so they are read.
+// The routes are read here, since libnl did not (see addRouteCache); so the kernel's routes to each destination are known
+// from the start, of which libnl's cache holds one. When libnl fails to fill a cache, it takes the rest of that answer for
+// the one to its next request: so the caches that there are may be wrong.
 void CacheMirror::correctFilling()
 {
-    if (caches.route != nullptr && holdsOthersThanIpv4Routes(caches.route)) {
-        dirty.noteRoutes();
+    if (caches.link == nullptr || caches.route == nullptr || caches.addr == nullptr) {
+        dirty.noteLoss();
     }
+    dirty.noteRoutes();
     if (caches.addr != nullptr) {
         dropOtherFamilies(caches.addr);
         if (holdsAddressTwice(caches.addr)) {
@@ -112,9 +114,6 @@ void CacheMirror::correctFilling()
         }
     }
     repair.readWhatIsDue();
-    if (!events.isEmpty()) {
-        dirty.noteRoutes();
-    }
 }
 
 // ---- The event thread ----

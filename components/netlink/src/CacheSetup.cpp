@@ -32,11 +32,7 @@ int addCache(nl_cache_mngr* manager, nl_cache*& cache, change_func_t callback, v
     if (cache == nullptr) {
         return 0;
     }
-    int result = manager != nullptr ? nl_cache_mngr_add_cache(manager, cache, callback, data) : 0;
-    if (result == -NLE_MSGTYPE_NOSUPPORT) {
-        nl_cache_set_arg1(cache, AF_INET6);
-        result = nl_cache_mngr_add_cache(manager, cache, callback, data);
-    }
+    int const result = manager != nullptr ? nl_cache_mngr_add_cache(manager, cache, callback, data) : 0;
     if (manager == nullptr || result < 0) {
         nl_cache_free(cache);
         cache = nullptr;
@@ -47,23 +43,9 @@ int addCache(nl_cache_mngr* manager, nl_cache*& cache, change_func_t callback, v
 int addRouteCache(nl_cache_mngr* manager, nl_cache*& cache, change_func_t callback, void* data)
 {
     if (cache != nullptr) {
-        nl_cache_set_arg1(cache, AF_INET);
+        nl_cache_set_arg1(cache, RTNL_FAMILY_IPMR); // the family that libnl asks for
     }
     return addCache(manager, cache, callback, data);
-}
-
-// RTM_F_CLONED marks route exceptions. No route at all: there may have been no IPv6 route in their place.
-bool holdsOthersThanIpv4Routes(nl_cache* routes)
-{
-    nl_object* object = nl_cache_get_first(routes);
-    auto const isRoute = [](rtnl_route* route) {
-        return rtnl_route_get_family(route) == AF_INET && (rtnl_route_get_flags(route) & RTM_F_CLONED) == 0;
-    };
-    bool isFine = object != nullptr;
-    for (; object != nullptr && isFine; object = nl_cache_get_next(object)) {
-        isFine = isRoute(reinterpret_cast<rtnl_route*>(object));
-    }
-    return !isFine;
 }
 
 void dropOtherFamilies(nl_cache* addresses)

@@ -15,15 +15,11 @@ int allocateManager(nl_cache_mngr** manager);
 // its pointer is null.
 int addCache(nl_cache_mngr* manager, nl_cache*& cache, change_func_t callback, void* data);
 
-// The same for the cache of the routes, of which it takes the IPv4 ones. libnl fails to fill it when the kernel has a
-// route with an encapsulation that libnl does not know (-NLE_MSGTYPE_NOSUPPORT). Then it is made to ask for IPv6 routes
-// instead, so that the manager takes the cache; the mirror's first reading replaces them by the IPv4 routes that libnl
-// can parse.
+// The same for the cache of the routes, but libnl fills it with multicast routes, of which there are few and mostly none;
+// or with all, on a kernel that has no multicast routing. The mirror's first reading replaces them by the IPv4 routes.
+// Filling the cache with these itself, libnl would fail at one that has an encapsulation which it does not know, and take
+// the rest of that answer for the addresses that it asks for next.
 int addRouteCache(nl_cache_mngr* manager, nl_cache*& cache, change_func_t callback, void* data);
-
-// Whether the filled cache holds something else than the kernel's IPv4 routes: route exceptions, which libnl takes for
-// routes, or IPv6 routes.
-bool holdsOthersThanIpv4Routes(nl_cache* routes);
 
 // libnl fills the cache of the addresses with those of all families.
 void dropOtherFamilies(nl_cache* addresses);

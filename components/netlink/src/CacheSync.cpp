@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <netlink/object.h>
+#include <tuple>
 #include <utility>
 
 namespace netlink_route {
@@ -39,8 +40,9 @@ std::vector<nl_object*> objectsOf(nl_cache* cache)
 
 struct Fresh {
     std::uint64_t key;
-    ObjectPtr object; // null when the cache holds it
-    bool isDuplicate; // to libnl the same as one before it
+    std::size_t place; // in the kernel's order
+    ObjectPtr object;  // null when the cache holds it
+    bool isDuplicate;  // to libnl the same as one before it
 };
 
 bool isIdentical(nl_object* lhs, nl_object* rhs) { return nl_object_identical(lhs, rhs) != 0; }
@@ -52,9 +54,11 @@ std::vector<Fresh> sortByKey(std::vector<ObjectPtr> objects, Key key)
     fresh.reserve(objects.size());
     for (ObjectPtr& object : objects) {
         std::uint64_t const value = key(object.get());
-        fresh.push_back({value, std::move(object), false});
+        fresh.push_back({value, fresh.size(), std::move(object), false});
     }
-    std::stable_sort(fresh.begin(), fresh.end(), [](Fresh const& lhs, Fresh const& rhs) { return lhs.key < rhs.key; });
+    std::sort(fresh.begin(), fresh.end(), [](Fresh const& lhs, Fresh const& rhs) {
+        return std::tie(lhs.key, lhs.place) < std::tie(rhs.key, rhs.place);
+    });
     for (auto it = fresh.begin(); it != fresh.end(); ++it) {
         for (auto before = it; before != fresh.begin() && (before - 1)->key == it->key && !it->isDuplicate; --before) {
             it->isDuplicate = isIdentical((before - 1)->object.get(), it->object.get());
@@ -126,7 +130,8 @@ Applied apply(nl_cache* cache, std::vector<Change> changes, Slices const& slices
 Applied makeEqual(nl_cache* cache, std::vector<Fresh> fresh, Slices const& slices, Key key)
 {
     std::vector<Change> changes = compare(objectsOf(cache), fresh, key);
-    for (Fresh& candidate : fresh) {
+    std::sort(fresh.begin(), fresh.end(), [](Fresh const& lhs, Fresh const& rhs) { return lhs.place < rhs.place; });
+    for (Fresh& candidate : fresh) { // behind the others, in the kernel's order
         if (candidate.object != nullptr && !candidate.isDuplicate) {
             changes.push_back({nullptr, std::move(candidate.object)});
         }

@@ -122,9 +122,9 @@ private:
     bool addresses = false;
     bool routes = false;
     Causes causes;
-    bool nexthopObjects = true;                           // the kernel has some, or may have
-    std::optional<std::vector<std::uint64_t>> sharedKeys; // none: libnl's filling of its cache does not tell them
-    Clock::time_point nextTables{};                       // no reading before
+    bool nexthopObjects = true; // the kernel has some, or may have
+    std::optional<std::vector<std::uint64_t>> sharedKeys;
+    Clock::time_point nextTables{}; // no reading before
     Clock::time_point nextCauses{};
 };
 
