@@ -1,25 +1,5 @@
-# Cross-builds for 32-bit ARM Linux (hard float) with Debian's g++-arm-linux-gnueabihf, against a folder of
-# Debian's armhf packages, which scripts/armhf-sysroot.sh makes. Another folder: -DCMAKE_SYSROOT=FOLDER.
-set(CMAKE_SYSTEM_NAME Linux)
+# 32-bit ARM Linux (hard float).
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
-set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
-set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi") # no notes that GCC 7 changed how some templates are called
-
-if(NOT CMAKE_SYSROOT)
-    get_filename_component(CMAKE_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../build/armhf-sysroot" ABSOLUTE)
-endif()
-if(NOT EXISTS "${CMAKE_SYSROOT}/usr/include")
-    message(FATAL_ERROR "There is no sysroot in ${CMAKE_SYSROOT}: scripts/armhf-sysroot.sh makes it.")
-endif()
-
-# Libraries, headers and packages come from the sysroot alone, programs from this machine alone.
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-set(ENV{PKG_CONFIG_SYSROOT_DIR} "${CMAKE_SYSROOT}")
-set(ENV{PKG_CONFIG_LIBDIR} "${CMAKE_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig")
-set(ENV{PKG_CONFIG_PATH} "")
-
-# The linker of another machine does not follow the run paths of the libraries that it links.
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${CMAKE_BINARY_DIR}/components/trace")
+set(architecture armhf)
+set(triplet arm-linux-gnueabihf)
+include(${CMAKE_CURRENT_LIST_DIR}/cross.cmake)

@@ -12,7 +12,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 folder=${1:?the folder of the packages}
 root=$scratch/root
-sysroot=$project/build/armhf-sysroot
+sysroot=$project/build/sysroot/armhf
 expected='name index           lo'
 
 # The program with CMake and with pkg-config, and the packaged examples; runs in the root. $1: the prefix of the tools, empty for amd64.
@@ -57,10 +57,10 @@ run_on_arm() {
 
 require_root
 install_missing mmdebstrap qemu-system-arm cpio
-"$project/scripts/armhf-sysroot.sh" "$sysroot" >&2
+"$project/scripts/sysroot.sh" armhf >&2
 say "installing the packages into a new root"
 # shellcheck disable=SC2016 # $1 is the root, in the hooks
-make_root "$root" --architectures=amd64,armhf --dpkgopt='path-exclude=/usr/include/libnl3/*' \
+make_root "$root" bookworm --architectures=amd64,armhf --dpkgopt='path-exclude=/usr/include/libnl3/*' \
     --include=g++,g++-arm-linux-gnueabihf,make,cmake,pkg-config,pkg-config:armhf \
     --customize-hook="mkdir \"\$1/packages\" && cp '$folder'/*.deb \"\$1/packages\"" \
     --customize-hook='chroot "$1" sh -c "apt-get install --yes /packages/*.deb"'

@@ -8,20 +8,20 @@
 #     require_root                    ends the script for everybody else
 #     install_missing PACKAGE...      installs those Debian packages that are not installed
 #     build PRESET [TARGET...]        configures and builds in build/PRESET, quiet unless that fails
-#     require_namespaces              ends the script where the next one cannot work
+#     have_namespaces                 whether the next one can work
+#     require_namespaces              ends the script where it cannot
 #     confined SECONDS COMMAND...     runs a command in namespaces of its own, for a limited time
-#     make_root FOLDER ARGUMENT...    a minimal Debian 12, if there is none in FOLDER; the arguments are mmdebstrap's
+#     make_root FOLDER RELEASE ARGUMENT...
+#                                     a minimal Debian, if there is none in FOLDER; the arguments are mmdebstrap's
 #     in_root ROOT FOLDER COMMAND...  runs a command in such a root, in namespaces of its own
 #
 # It touches the machine's packages, build/ and one temporary folder, which goes when the script ends. Root is
 # needed to install packages, and by the scripts that call require_root.
 set -euo pipefail
 
-# shellcheck disable=SC2034  # both lists are for the scripts that source this
+# shellcheck disable=SC2034  # for the scripts that source this
 build_packages=(cmake ninja-build g++ pkg-config libnl-3-dev libnl-route-3-dev
     libgtest-dev libgmock-dev libbenchmark-dev)
-# shellcheck disable=SC2034
-kernel_packages=(iproute2 user-mode-linux kmod)
 
 PATH+=:/usr/sbin:/sbin # of ip, depmod and modprobe, for users other than root
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -84,13 +84,16 @@ build() {
 
 # The release alone, without its updates: then the packages of all architectures have the same versions.
 make_root() {
-    local root=$1
-    shift
+    local root=$1 release=$2 valid=
+    shift 2
+    # A machine that takes its packages from a snapshot of Debian's may have told apt not to ask for its age.
+    eval "$(apt-config shell valid Acquire::Check-Valid-Until)"
     [[ ! -f $root/.complete || $(<"$root/.complete") != "$*" ]] || return 0
     rm -rf "$root"
     mkdir -p "$root"
-    quietly "making a minimal Debian in $root" mmdebstrap --mode=root --variant=apt "$@" bookworm "$root" \
-        "deb $(debian_mirror) bookworm main"
+    quietly "making a minimal Debian in $root" mmdebstrap --mode=root --variant=apt \
+        --aptopt="Acquire::Check-Valid-Until \"${valid:-true}\"" "$@" "$release" "$root" \
+        "deb $(debian_mirror) $release main"
     echo "$*" >"$root/.complete"
 }
 
@@ -115,16 +118,20 @@ in_root() {
 namespaces=(--net --pid --mount-proc --fork --kill-child)
 
 # Root makes them directly, everybody else in a user namespace, in which he is root.
-require_namespaces() {
+have_namespaces() {
     unshare "${namespaces[@]}" true 2>"$scratch/direct" && return
     namespaces+=(--user --map-root-user)
-    unshare "${namespaces[@]}" true 2>"$scratch/user" || die "this user may not make network namespaces here:" \
+    unshare "${namespaces[@]}" true 2>"$scratch/user"
+}
+
+require_namespaces() {
+    have_namespaces || die "this user may not make network namespaces here:" \
         "neither directly ($(<"$scratch/direct")) nor in a user namespace ($(<"$scratch/user"))." \
         "Run as root, or allow user namespaces (sysctl user.max_user_namespaces, kernel.unprivileged_userns_clone)"
 }
 
 # The first process is a shell, because the kernel spares it signals that must end a program, such as that of
-# abort(); and it waits, so that Ctrl-C ends it at once, whatever the command (the user-mode kernel ignores it).
+# abort(); and it waits, so that Ctrl-C ends it at once, whatever the command.
 confined() {
     local limit=$1
     shift

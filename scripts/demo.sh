@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
 # Shows the library at work, and the ip command's view of the same kernel beside it.
 #
-#     scripts/demo.sh           on a user-mode kernel with links made for the purpose: reads, then changes them
+#     scripts/demo.sh           in a virtual machine with links made for the purpose: reads, then changes them
 #     scripts/demo.sh --host    on this machine: shows its links, reads only
 #
-# It installs the Debian packages that are missing, which needs root, and builds build/release. It changes no link of
-# this machine. It fails if any of its steps fails.
+# It installs the Debian packages that are missing, which needs root, gets Debian's kernel, and builds build/release. It
+# changes no link of this machine. It fails if any of its steps fails.
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
-# shellcheck source-path=SCRIPTDIR source=uml.sh
-source "$project/scripts/uml.sh"
+# shellcheck source-path=SCRIPTDIR source=machine.sh
+source "$project/scripts/machine.sh"
 
 case "$*" in
     --host)
@@ -20,11 +20,11 @@ case "$*" in
         build/release/examples/show
         ;;
     "")
-        install_missing "${build_packages[@]}" "${kernel_packages[@]}"
-        require_namespaces
+        choose_machine "$own_architecture"
+        install_missing "${build_packages[@]}" "${machine_packages[@]}"
         build release show configure
-        say "booting the user-mode kernel"
-        run_in_uml 60 scripts/uml/demo.sh
+        prepare_machine release
+        run_in_machine 120 scripts/machine/demo.sh
         ;;
     *)
         usage

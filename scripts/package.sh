@@ -36,7 +36,7 @@ build_packages() {
 
 require_root
 install_missing mmdebstrap git
-make_root "$root" --architectures=amd64,armhf --include="$(IFS=,; echo "${packages[*]}")"
+make_root "$root" bookworm --architectures=amd64,armhf --include="$(IFS=,; echo "${packages[*]}")"
 rm -rf "$root/build" "$result"
 mkdir -p "$result"
 build_packages amd64

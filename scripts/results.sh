@@ -5,7 +5,7 @@
 #     run_check WHAT COMMAND...          runs a command that counts as one test
 #     finish                             prints a line for each of these, and the totals; fails if anything failed
 
-tests=           # the test program
+tests=build/release/tests/netlink_route_tests
 test_arguments=()
 summary=()
 total_passed=0 total_failed=0 total_skipped=0

@@ -4,19 +4,26 @@
 # with the kernel's and with those of a new manager; it watches memory and descriptors, and fails if anything differs
 # for more than a second or grows.
 #
-#     [SOAK_SEED=NUMBER] scripts/soak.sh SECONDS [--uml]    --uml: on the user-mode kernel, with VLANs and a bond
+#     [SOAK_SEED=NUMBER] scripts/soak.sh SECONDS [--vm]    --vm: in a virtual machine, with VLANs and a bond
 #
 # It installs the Debian packages that are missing, which needs root, and builds build/release.
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
-# shellcheck source-path=SCRIPTDIR source=uml.sh
-source "$project/scripts/uml.sh"
+# shellcheck source-path=SCRIPTDIR source=machine.sh
+source "$project/scripts/machine.sh"
 
-[[ ${1:-} =~ ^[1-9][0-9]*$ && ($# -eq 1 || ($# -eq 2 && $2 == --uml)) ]] || usage
-install_missing "${build_packages[@]}" "${kernel_packages[@]}"
-require_namespaces
-build release netlink_route_soak
-runner=confined
-[[ ${2:-} != --uml ]] || runner=run_in_uml
+[[ ${1:-} =~ ^[1-9][0-9]*$ && ($# -eq 1 || ($# -eq 2 && $2 == --vm)) ]] || usage
+install_missing "${build_packages[@]}" iproute2
+if [[ ${2:-} == --vm ]]; then
+    choose_machine "$own_architecture"
+    install_missing "${machine_packages[@]}"
+    build release netlink_route_soak
+    prepare_machine release
+    runner=run_in_machine
+else
+    require_namespaces
+    build release netlink_route_soak
+    runner=confined
+fi
 "$runner" "$(($1 + 60))" env SOAK_SECONDS="$1" SOAK_SEED="${SOAK_SEED:-1}" build/release/bench/netlink_route_soak

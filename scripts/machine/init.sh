@@ -1,6 +1,6 @@
 #!/bin/sh
-# The first process on the virtual ARM machine (scripts/armhf/machine.sh): prepares the system, runs the command,
-# switches off. It runs in dash, since the shell of busybox would run its own ip.
+# The first process in the virtual machine (scripts/machine.sh): prepares the system, runs the command, switches off. It
+# runs in dash, since the shell of busybox would run its own ip.
 #
 #     init.sh FOLDER COMMAND...    FOLDER: where the command starts
 #
@@ -10,6 +10,7 @@ trap poweroff EXIT
 
 poweroff() { /bin/busybox poweroff -f; }
 
+# Its devices appear a moment after their modules.
 wait_for() {
     attempts=100
     until [ -e "$1" ]; do
@@ -22,10 +23,11 @@ wait_for() {
 folder=$1
 shift
 export PATH=/bin HOME=/root
-/bin/busybox --install -s /bin 2>/dev/null || true # all but what is there already: sh and iproute2
+/bin/busybox --install -s /bin 2>/dev/null || true # all but what is there already: sh, insmod and iproute2
+mount -t devtmpfs devtmpfs /dev
+exec >/dev/console 2>&1
 mount -t proc proc /proc
 mount -t sysfs sysfs /sys
-mount -t devtmpfs devtmpfs /dev
 mkdir /dev/pts /dev/shm
 mount -t devpts devpts /dev/pts
 mount -t tmpfs tmpfs /dev/shm
@@ -33,12 +35,13 @@ mount -t tmpfs tmpfs /run
 ln -s /proc/self/fd /dev/fd
 chmod 1777 /tmp
 while read -r module; do
-    insmod "/lib/modules/$module"
-done </lib/modules/order
-wait_for /dev/vport0p2
+    insmod "/modules/$module" numdummies=0 max_bonds=0 # of dummy and bonding: no links that nobody asked for
+done </modules/order
 wait_for /sys/class/net/eth0
+wait_for /dev/vport0p2
 ip link set lo up
 
+echo started >/dev/vport0p2
 status=0
 cd "$folder"
 "$@" >/dev/vport0p1 2>&1 </dev/null || status=$?

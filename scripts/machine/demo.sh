@@ -1,6 +1,6 @@
-#!/bin/bash
-# The part of scripts/demo.sh that runs on the user-mode kernel, in the project's folder.
-set -euo pipefail
+#!/bin/sh
+# The part of scripts/demo.sh that runs in the virtual machine, in the project's folder.
+set -eu
 
 heading() { printf '\n==== %s\n' "$*"; }
 

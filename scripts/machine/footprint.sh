@@ -1,5 +1,5 @@
 #!/bin/sh
-# Measures on the virtual ARM machine what one CacheManager costs. It fails if the event thread is not idle.
+# Measures in the virtual machine what one CacheManager costs. It fails if the event thread is not idle.
 set -eu
 
 # 10 links, 10 addresses and 20 routes: lo has an address with 3 routes, every other address has 1.
@@ -36,7 +36,7 @@ echo "The kernel has $kernel."
 [ "$kernel" = "10 links, 10 addresses, 20 routes" ]
 
 mkfifo /tmp/in /tmp/out
-build/armhf/bench/netlink_route_footprint </tmp/in >/tmp/out &
+"$1"/bench/netlink_route_footprint </tmp/in >/tmp/out &
 process=$!
 exec 3>/tmp/in 4</tmp/out
 read -r _ <&4 # started
