@@ -27,12 +27,11 @@ get_own() {
     mkdir -p "$scratch"/apt/{lists,cache}/partial "$partial"/usr/{bin,sbin,lib}
     printf '%s;\n' "Dir::State \"$scratch/apt\"" "Dir::Cache \"$scratch/apt/cache\"" 'APT::Sandbox::User "root"' >"$APT_CONFIG"
     apt-get update || true # the package may be there although one index is not
+    # The package itself is but a name for the newest.
     versioned=$(apt-cache depends --important "$kernel_package" | sed -n 's/^ *Depends: \(linux-image-.*\)/\1/p')
-    (cd "$scratch/apt" && apt-get download "$versioned" busybox-static) || return 1
     ln -s usr/{bin,sbin,lib} "$partial"
-    for package in "$scratch"/apt/*.deb; do
-        dpkg-deb --extract "$package" "$partial" || return 1
-    done
+    (cd "$scratch/apt" && apt-get download "$versioned" busybox-static) &&
+        find "$scratch/apt" -name '*.deb' -print0 | xargs -0I{} dpkg-deb --extract {} "$partial"
 }
 
 # The packages are unpacked, not installed, so no program of theirs runs here, and no file needs its owner. mmdebstrap
@@ -59,7 +58,10 @@ else
     install_missing kmod mmdebstrap
     get=get_other
 fi
-quietly "getting $kernel_package for $architecture; it needs the network and Debian's package sources, which" "$get"
+if ! "$get" >"$scratch/output" 2>&1 </dev/null; then
+    tail -n 5 "$scratch/output" >&2
+    die "could not get $kernel_package for $architecture: this needs the network, and Debian among apt's sources"
+fi
 
 # A link to an absolute path would lead out of the folder.
 find "$partial" -type l -lname '/*' | while read -r link; do
