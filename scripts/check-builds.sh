@@ -110,29 +110,7 @@ compile_with() {
     g++ -std=c++17 -I "$parent/own" "$parent/main.cpp" -o "$scratch/program" "${flags[@]}"
 }
 
-# The tests with the libnl of Debian's unstable release, and with the C library that it needs.
-check_newer_libnl() {
-    local store=$scratch/newer libraries apt
-    libraries=usr/lib/$(g++ -print-multiarch)
-    apt=(-o Dir::Etc::sourcelist="$store/sources" -o Dir::Etc::sourceparts=/none -o Dir::State="$store"
-        -o Dir::State::status="$store/status" -o Dir::Cache="$store/cache" -o APT::Sandbox::User=root -q)
-    mkdir -p "$store/lists/partial" "$store/cache"
-    : >"$store/status"
-    echo "deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] $(debian_mirror) sid main" >"$store/sources"
-    quietly "getting the package lists" apt-get "${apt[@]}" update
-    (cd "$store" && quietly "getting the packages" apt-get "${apt[@]}" download libnl-3-200 libnl-route-3-200 libc6)
-    for package in "$store"/*.deb; do
-        echo "${package##*/}"
-        dpkg-deb --extract "$package" "$store/root"
-    done
-    build release netlink_route_tests
-    # Laid over the machine's libraries, in a mount namespace.
-    # shellcheck disable=SC2016 # the inner shell's arguments
-    confined 600 bash -euc 'mount -t overlay -o "lowerdir=$1/$2:/$2" overlay "/$2" && exec "${@:3}"' bash \
-        "$store/root" "$libraries" build/release/tests/netlink_route_tests --gtest_brief=1
-}
-
-checks=(static_runtime libcxx no_exceptions unity old static trace_library libnl_version pkgconfig newer_libnl)
+checks=(static_runtime libcxx no_exceptions unity old static trace_library libnl_version pkgconfig)
 [[ $# -eq 0 ]] || checks=("$@")
 require_namespaces
 install_missing "${build_packages[@]}" clang g++-11 libc++-dev libc++abi-dev

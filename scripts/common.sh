@@ -89,7 +89,7 @@ make_root() {
     # A machine that takes its packages from a snapshot of Debian's may have told apt not to ask for its age.
     eval "$(apt-config shell valid Acquire::Check-Valid-Until)"
     [[ ! -f $root/.complete || $(<"$root/.complete") != "$*" ]] || return 0
-    rm -rf "$root"
+    rm -rf --one-file-system "$root" # what is mounted in it, by a run that was killed, stays
     mkdir -p "$root"
     quietly "making a minimal Debian in $root" mmdebstrap --mode=root --variant=apt \
         --aptopt="Acquire::Check-Valid-Until \"${valid:-true}\"" "$@" "$release" "$root" \

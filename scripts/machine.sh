@@ -22,25 +22,28 @@ kernel_version=
 machine_packages=()      # what this machine needs to run it
 emulator=()
 kernel_arguments=
-modules=(virtio_pci virtio_console virtio_net ipv6 8021q dummy veth bridge macvlan bonding)
+modules=(virtio_pci virtio_console virtio_net 8021q dummy veth bridge macvlan bonding)
 machine=$scratch/machine # its root file system
 memory=1024              # in MiB
-boot_seconds=120         # at most; it takes 4 to 10
+boot_seconds=120         # at most; it takes 4 to 10 where the machine is not busy
 
 # All that differs. On a busy machine the emulated timer of a PC may be too late for the kernel's check.
 choose_machine() {
     architecture=$1 machine_packages=(cpio kmod iproute2 binutils)
     case $architecture in
         amd64)
-            triplet=x86_64-linux-gnu kernel_package=linux-image-cloud-amd64 kernel_arguments="console=ttyS0 no_timer_check"
+            triplet=x86_64-linux-gnu kernel_package=linux-image-cloud-amd64
+            kernel_arguments="console=ttyS0 no_timer_check"
             emulator=(qemu-system-x86_64 -M q35 -cpu max) machine_packages+=(qemu-system-x86)
             ;;
         arm64)
-            triplet=aarch64-linux-gnu kernel_package=linux-image-cloud-arm64 kernel_arguments="console=ttyAMA0"
+            triplet=aarch64-linux-gnu kernel_package=linux-image-cloud-arm64
+            kernel_arguments="console=ttyAMA0"
             emulator=(qemu-system-aarch64 -M virt -cpu cortex-a57) machine_packages+=(qemu-system-arm)
             ;;
         armhf)
-            triplet=arm-linux-gnueabihf kernel_package=linux-image-armmp kernel_arguments="console=ttyAMA0"
+            triplet=arm-linux-gnueabihf kernel_package=linux-image-armmp
+            kernel_arguments="console=ttyAMA0"
             emulator=(qemu-system-arm -M "virt,highmem=off" -cpu cortex-a15) machine_packages+=(qemu-system-arm)
             ;;
         *) die "a virtual machine can be amd64, arm64 or armhf, but not \"$architecture\"" ;;
