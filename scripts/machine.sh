@@ -24,7 +24,7 @@ emulator=()
 kernel_arguments=
 modules=(virtio_pci virtio_console virtio_net 8021q dummy veth bridge macvlan bonding)
 machine=$scratch/machine # its root file system
-memory=1024              # in MiB
+memory=1024              # in MiB, a quarter of it for qemu, which keeps there what it has translated
 boot_seconds=120         # at most; it takes 4 to 10 where the machine is not busy
 
 # All that differs. On a busy machine the emulated timer of a PC may be too late for the kernel's check.
@@ -176,8 +176,9 @@ run_in_machine() {
 # non-blocking, which would stick to a terminal or file.
 emulate() {
     local process
-    timeout --foreground --kill-after=5 "$limit" "${emulator[@]}" -accel tcg,thread=multi -smp 2 -m "$memory" \
-        -nodefaults -display none -no-reboot -kernel "$scratch/kernel" -initrd "$scratch/initramfs" \
+    timeout --foreground --kill-after=5 "$limit" "${emulator[@]}" -smp 2 -m "$((memory * 3 / 4))" \
+        -accel "tcg,thread=multi,tb-size=$((memory / 4))" -nodefaults -display none -no-reboot \
+        -kernel "$scratch/kernel" -initrd "$scratch/initramfs" \
         -append "$kernel_arguments panic=-1 quiet" -serial "file:$console" \
         -device virtio-serial-pci -chardev file,id=output,path=/dev/fd/3 -device virtserialport,chardev=output \
         -chardev "file,id=status,path=$status" -device virtserialport,chardev=status \
