@@ -11,8 +11,8 @@
 #     peers       a query beside few links and many, and an update beside many: beside Go, NDB and ip
 #     updates     updates on one processor and on two, back to back and with pauses, beside Go and libnl; and how often
 #                 updates have the kernel asked for a table
-#     boot        100 links brought from nothing to address and route, beside ip and Go: veth here, VLANs on the
-#                 user-mode kernel
+#     boot        100 links brought from nothing to address and route, beside ip and Go: veth here, VLANs in the
+#                 virtual machine
 #     waits       how long queries wait in floods
 #     readings    what the readings of large tables cost
 #
@@ -21,8 +21,8 @@
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
-# shellcheck source-path=SCRIPTDIR source=uml.sh
-source "$project/scripts/uml.sh"
+# shellcheck source-path=SCRIPTDIR source=machine.sh
+source "$project/scripts/machine.sh"
 
 peer_packages=(golang-go golang-github-vishvananda-netlink-dev python3 python3-pyroute2 iproute2)
 programs=$project/build/release/bench
@@ -55,7 +55,7 @@ ask() {
 }
 ask_library() { "$programs/netlink_route_ask" "$@"; }
 ask_libnl() { "$programs/netlink_route_ask" "$1-libnl" "${@:2}"; }
-ask_go() { "$scratch/ask" "$@"; }
+ask_go() { "$programs/ask_go" "$@"; }
 ask_ndb() { /usr/bin/python3 "$project/bench/peers/ask.py" "$@"; }
 ask_ip() { "$project/bench/peers/ask.sh" "$@"; }
 
@@ -142,12 +142,15 @@ measure_updates() {
     confined 300 ask_updates >"$results/updates.txt"
 }
 
-# The virtual kernel's only output is that of the command, with its errors.
+# The virtual machine's only output is that of the command, with its errors.
 measure_boot() {
-    cp "$scratch/ask" "$results/ask" # there /tmp is empty
+    choose_machine "$own_architecture"
+    install_missing "${machine_packages[@]}"
+    machine_programs+=(bash)
+    prepare_machine release
     {
-        confined 300 bench/peers/boot.sh veth "$programs/netlink_route_ask" "$results/ask"
-        run_in_uml 300 bench/peers/boot.sh vlan "$programs/netlink_route_ask" "$results/ask" ||
+        confined 300 bench/peers/boot.sh veth "$programs/netlink_route_ask" "$programs/ask_go"
+        run_in_machine 300 "$project/bench/peers/boot.sh" vlan "$programs/netlink_route_ask" "$programs/ask_go" ||
             say "NOT MEASURED: VLANs at boot"
     } | awk '/^boot;/ { print; next } { print >"/dev/stderr" }' >"$results/boot.txt"
 }
@@ -164,10 +167,10 @@ for part in "$@"; do
     [[ " ${all[*]} " == *" $part "* ]] || usage
 done
 require_namespaces
-install_missing "${build_packages[@]}" "${kernel_packages[@]}" "${peer_packages[@]}" gnuplot-nox binutils
+install_missing "${build_packages[@]}" "${peer_packages[@]}" gnuplot-nox binutils
 build release
 quietly "building the Go program" env GO111MODULE=off GOPATH=/usr/share/gocode GOCACHE="$scratch/go" \
-    go build -o "$scratch/ask" bench/peers/ask.go
+    go build -o "$programs/ask_go" bench/peers/ask.go
 mkdir -p "$results"
 rm -f "$results"/*
 

@@ -20,6 +20,7 @@ sysroot=                 # what scripts/sysroot.sh makes
 kernel_package=
 kernel_version=
 machine_packages=()      # what this machine needs to run it
+machine_programs=(dash ip tc bridge kmod)
 emulator=()
 kernel_arguments=
 modules=(virtio_pci virtio_console virtio_net 8021q dummy veth bridge macvlan bonding)
@@ -67,12 +68,13 @@ prepare_machine() {
     cp -L "${kernels[0]}" "$scratch/kernel"
     copy_modules "${system:-$sysroot}"
     cp -a "$project/scripts/machine" "$machine$project/scripts"
+    cp -a "$project/bench" "$machine$project"
     copy_build "$system" "$project/build/$preset"
     if [[ $architecture == "$own_architecture" ]]; then
-        copy_programs "$system" dash ip tc bridge kmod
+        copy_programs "$system" "${machine_programs[@]}"
         copy_needed "$system"
     else
-        copy_programs "$sysroot" dash ip tc bridge kmod
+        copy_programs "$sysroot" "${machine_programs[@]}"
         cp -a "$sysroot/usr/lib/$triplet"/*.so* "$machine/usr/lib/$triplet"
         cp -a "$sysroot"/usr/lib/ld-linux* "$machine/usr/lib"
     fi
@@ -133,9 +135,9 @@ copy_programs() {
 
 # copy_needed SYSTEM: the libraries that these programs need.
 copy_needed() {
-    local library programs
-    mapfile -t programs <"$scratch/programs"
-    ${1:+chroot "$1"} ldd "${programs[@]}" | sed -n 's/^\t\(.* => \)\{0,1\}\(\/[^ ]*\) (.*/\2/p' | sort -u |
+    local library users
+    mapfile -t users <"$scratch/programs"
+    ${1:+chroot "$1"} ldd "${users[@]}" | sed -n 's/^\t\(.* => \)\{0,1\}\(\/[^ ]*\) (.*/\2/p' | sort -u |
         while read -r library; do
             mkdir -p "$machine${library%/*}"
             [[ -e $machine$library ]] || ${1:+chroot "$1"} cat "$library" >"$machine$library"

@@ -24,10 +24,9 @@ get_release() {
     make_root "$root" "$1" --include="${packages[*]}" --dpkgopt='path-exclude=/etc/kernel/*'
     mkdir -p "$root$project"
     git ls-files -z --cached | tar --null --files-from=- --create | tar --extract --directory="$root$project"
-    # An old CMake knows GoogleTest by the file that comes with it alone. GCC 16 would take C++20, where "!=" of two VLANs
-    # is no longer that of interfaces, as Values.VlanComparisonLogsBothSides has it.
+    # An old CMake knows GoogleTest by the file that comes with it alone.
     quietly "configuring with $1" in_root "$root" "$project" cmake -S . -B build/release -G Ninja \
-        -DNETLINK_ROUTE_TESTS=ON -DCMAKE_FIND_PACKAGE_PREFER_CONFIG=ON -DCMAKE_CXX_STANDARD=17
+        -DNETLINK_ROUTE_TESTS=ON -DCMAKE_FIND_PACKAGE_PREFER_CONFIG=ON
     quietly "building with $1" in_root "$root" "$project" cmake --build build/release --target netlink_route_tests
 }
 
