@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Tries the Debian packages that scripts/package.sh built: installs those of amd64 and armhf side by side into a new
-# minimal Debian 12 without libnl's headers, builds README.md's first program there for either, with CMake and with
-# pkg-config, and runs it: on this machine's kernel, in a network namespace, and on Debian's ARM kernel.
+# minimal Debian 12 without libnl's headers, builds README.md's first program there for either (debian/tests), with
+# CMake and with pkg-config, and runs it: on this machine's kernel, by autopkgtest, and on Debian's ARM kernel.
 #
 #     scripts/check-packages.sh FOLDER
 #
@@ -15,16 +15,6 @@ root=$scratch/root
 sysroot=$project/build/sysroot/armhf
 expected='name index           lo'
 
-# The program with CMake and with pkg-config, and the packaged examples; runs in the root. $1: the prefix of the tools, empty for amd64.
-build_programs() {
-    cmake -S /program -B "/program/${1}cmake" -DCMAKE_CXX_COMPILER="${1}g++"
-    cmake --build "/program/${1}cmake"
-    cmake -S /usr/share/doc/libnetlink-route-dev/examples -B "/program/${1}examples" -DCMAKE_CXX_COMPILER="${1}g++"
-    cmake --build "/program/${1}examples"
-    # shellcheck disable=SC2046
-    "${1}g++" -std=c++17 /program/first.cpp -o "/program/${1}first" $("${1}pkg-config" --cflags --libs netlink_route)
-}
-
 shows_loopback() {
     local count
     count=$(grep -acF "$expected" "$1")
@@ -36,8 +26,8 @@ shows_loopback() {
 run_on_arm() {
     local machine=$scratch/arm library kernel libraries=lib/arm-linux-gnueabihf
     mkdir -p "$machine"/{bin,proc,program,$libraries}
-    cp "$root/program/arm-linux-gnueabihf-first" "$machine/program/first"
-    cp "$root/program/arm-linux-gnueabihf-cmake/first" "$machine/program/cmake-first"
+    cp "$root/program/first" "$machine/program/first"
+    cp "$root/program/cmake/first" "$machine/program/cmake-first"
     cp "$sysroot/bin/busybox" "$machine/bin"
     cp "$root/lib/ld-linux-armhf.so.3" "$machine/lib"
     for library in c m gcc_s stdc++ nl-3 nl-route-3 netlink_route netlink_route_trace; do
@@ -56,27 +46,25 @@ run_on_arm() {
 }
 
 require_root
-install_missing mmdebstrap qemu-system-arm cpio
+install_missing mmdebstrap qemu-system-arm cpio autopkgtest
 "$project/scripts/sysroot.sh" armhf >&2
 say "installing the packages into a new root"
 # shellcheck disable=SC2016 # $1 is the root, in the hooks
 make_root "$root" bookworm --architectures=amd64,armhf --dpkgopt='path-exclude=/usr/include/libnl3/*' \
-    --include=g++,g++-arm-linux-gnueabihf,make,cmake,pkg-config,pkg-config:armhf \
+    --include=dpkg-dev,g++,g++-arm-linux-gnueabihf,make,cmake,pkgconf,pkgconf:armhf \
     --customize-hook="mkdir \"\$1/packages\" && cp '$folder'/*.deb \"\$1/packages\"" \
     --customize-hook='chroot "$1" sh -c "apt-get install --yes /packages/*.deb"'
 [[ ! -e $root/usr/include/libnl3/netlink ]] || die "the root has libnl's headers"
 
+say "running debian/tests"
+mkdir "$scratch/source"
+tar --extract --directory="$scratch/source" --strip-components=1 --file="$(echo "$folder"/*.tar.xz)"
+quietly "autopkgtest" autopkgtest --no-built-binaries --summary-file="$scratch/summary" "$scratch/source/" -- \
+    chroot "$root"
+cat "$scratch/summary"
+say "building the programs for armhf"
 mkdir "$root/program"
-awk '/^```cpp/ { inside = 1; next } /^```/ && inside { exit } inside' "$project/README.md" >"$root/program/first.cpp"
-printf '%s\n' 'cmake_minimum_required(VERSION 3.16)' 'project(first CXX)' 'find_package(netlink_route REQUIRED)' \
-    'add_executable(first first.cpp)' 'target_link_libraries(first PRIVATE netlink_route::netlink_route)' \
-    >"$root/program/CMakeLists.txt"
-for prefix in "" arm-linux-gnueabihf-; do
-    quietly "building the programs" in_root "$root" / \
-        bash -euc "$(declare -f build_programs); build_programs '$prefix'"
-done
-for program in /program/first /program/cmake/first; do
-    in_root "$root" / "$program"
-done >"$scratch/output"
-shows_loopback "$scratch/output" "amd64"
+cp "$project/debian/tests/first-program" "$root"
+quietly "building the programs" in_root "$root" / env AUTOPKGTEST_TMP=/program \
+    DEB_HOST_GNU_TYPE=arm-linux-gnueabihf /first-program --build
 run_on_arm
