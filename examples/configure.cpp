@@ -1,12 +1,8 @@
-// Configures a link: its MTU and IPv4 address in one update, a VLAN on it, and a route through it. Then it
-// removes the VLAN and the route again, and leaves the link as configured.
-//
-//     configure --yes LINK ADDRESS/LENGTH GATEWAY
-//
-// It changes the kernel it runs on, so it asks for --yes. GATEWAY must lie in the network of the address. A shell
-// command in the environment variable CONFIGURE_WATCH is run after each step, such as CONFIGURE_WATCH='ip address'.
+// Configures a link, and tries a VLAN and a route on it; see the help below. Installed, its name is
+// netlink-route-configure.
 #include <netlink_route/CacheManager.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <iostream>
 #include <string>
@@ -21,17 +17,28 @@ using netlink_route::Route;
 using netlink_route::Vlan;
 
 constexpr int seconds = 5; // how long an update may take to show
+char const* const program = program_invocation_short_name;
+
+constexpr char const* help = R"(
+Configures a link: its MTU, 1400, and its IPv4 address in one update, a VLAN on it, and a route through it. Then it
+removes the VLAN and the route again, and leaves the link as configured. GATEWAY must lie in the network of the address.
+
+It changes this machine's links, which needs CAP_NET_ADMIN; --yes says that you want that. The link's present address
+goes, and with it the routes through it. A shell command in the environment variable CONFIGURE_WATCH is run after each
+step, such as CONFIGURE_WATCH='ip address'. TRACE_LEVEL=3 tells why a step fails, on standard error and in the system
+log.
+)";
 
 bool done(bool success, std::string const& step)
 {
     if (!success) {
-        std::cerr << "configure: " << step << " failed or did not show in time; TRACE_LEVEL=3 tells why\n";
+        std::cerr << program << ": " << step << " failed or did not show in time; TRACE_LEVEL=3 tells why\n";
         return false;
     }
     std::cout << "== " << step << ": done" << std::endl;
     char const* const watch = std::getenv("CONFIGURE_WATCH");
     if (watch != nullptr && std::system(watch) != 0) {
-        std::cerr << "configure: CONFIGURE_WATCH failed\n";
+        std::cerr << program << ": CONFIGURE_WATCH failed\n";
         return false;
     }
     return true;
@@ -81,20 +88,23 @@ bool tryRoute(CacheManager& manager, std::string const& gateway)
 
 int main(int argc, char* argv[])
 {
-    openlog("configure", LOG_PERROR, LOG_USER);
-    if (argc != 5 || std::string(argv[1]) != "--yes") {
-        std::cerr << "usage: configure --yes LINK ADDRESS/LENGTH GATEWAY\n"
-                     "It changes this machine's links; --yes says that you want that.\n";
-        return 2;
+    openlog(program, LOG_PERROR, LOG_USER);
+    bool const isHelp = argc == 2 && std::string(argv[1]) == "--help";
+    if (isHelp || argc != 5 || std::string(argv[1]) != "--yes") {
+        (isHelp ? std::cout : std::cerr) << "usage: " << program << " --yes LINK ADDRESS/LENGTH GATEWAY\n"
+                                         << (isHelp ? help
+                                                    : "It changes this machine's links; --yes says that you want "
+                                                      "that. --help tells more.\n");
+        return isHelp ? 0 : 2;
     }
     std::string const name = argv[2];
     if (std::string(argv[3]).find('/') == std::string::npos) {
-        std::cerr << "configure: '" << argv[3] << "' needs its prefix length, as in 192.168.1.10/24\n";
+        std::cerr << program << ": '" << argv[3] << "' needs its prefix length, as in 192.168.1.10/24\n";
         return 2;
     }
     CacheManager manager;
     if (!manager.getInterface(name).isAddedToKernel()) {
-        std::cerr << "configure: there is no link named '" << name << "'\n";
+        std::cerr << program << ": there is no link named '" << name << "'\n";
         return 1;
     }
     bool const success = configureLink(manager, name, Address(argv[3], Address::IPV4)) && tryVlan(manager, name) &&

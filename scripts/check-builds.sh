@@ -85,16 +85,18 @@ check_libnl_version() {
     done
 }
 
-# The CMake package and the pkg-config file, in whatever folders: those of another prefix than was configured, moved
+# The CMake package, the pkg-config file and the tools, in whatever folders: those of another prefix than was configured, moved
 # ones, and absolute ones.
 check_pkgconfig() {
     local build=$scratch/pc prefix=$scratch/other moved=$scratch/moved flags
-    quietly "configuring" cmake -S "$project" -B "$build" -G Ninja -DNETLINK_ROUTE_EXAMPLES=OFF
+    quietly "configuring" cmake -S "$project" -B "$build" -G Ninja -DNETLINK_ROUTE_EXAMPLES=OFF \
+        -DNETLINK_ROUTE_TOOLS=ON
     quietly "building" cmake --build "$build"
     quietly "installing" cmake --install "$build" --prefix "$prefix"
     compile_with "$prefix" "$prefix/lib/pkgconfig"
     mv "$prefix" "$moved"
     compile_with "$moved" "$moved/lib/pkgconfig" --define-prefix
+    "$moved/bin/netlink-route-show" lo >/dev/null # finds the libraries
     quietly "configuring" cmake "$build" -DCMAKE_INSTALL_LIBDIR="$prefix/l" -DCMAKE_INSTALL_INCLUDEDIR="$prefix/i"
     quietly "installing" cmake --install "$build"
     compile_with "$prefix" "$prefix/l/pkgconfig"

@@ -51,8 +51,8 @@ install_missing mmdebstrap qemu-system-arm cpio autopkgtest
 say "installing the packages into a new root"
 # shellcheck disable=SC2016 # $1 is the root, in the hooks
 make_root "$root" bookworm --architectures=amd64,armhf --dpkgopt='path-exclude=/usr/include/libnl3/*' \
-    --include=dpkg-dev,g++,g++-arm-linux-gnueabihf,make,cmake,pkgconf,pkgconf:armhf \
-    --customize-hook="mkdir \"\$1/packages\" && cp '$folder'/*.deb \"\$1/packages\"" \
+    --include=dpkg-dev,iproute2,g++,g++-arm-linux-gnueabihf,make,cmake,pkgconf,pkgconf:armhf \
+    --customize-hook="mkdir \"\$1/packages\" && cp '$folder'/lib*.deb '$folder'/*tools_*_amd64.deb \"\$1/packages\"" \
     --customize-hook='chroot "$1" sh -c "apt-get install --yes /packages/*.deb"'
 [[ ! -e $root/usr/include/libnl3/netlink ]] || die "the root has libnl's headers"
 
