@@ -2,6 +2,7 @@
 
 #include "Support.h"
 
+#include <array>
 #include <cerrno>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -24,6 +25,7 @@
 namespace test {
 
 std::atomic<int> failingRequests{0};
+std::atomic<bool> threadFails{false};
 std::atomic<bool> pollFails{false};
 std::atomic<bool> fillTwice{false};
 std::atomic<bool> hideRouteRemovals{false};
@@ -113,6 +115,12 @@ ssize_t recvmsg(int descriptor, msghdr* message, int flags)
         header->nlmsg_type = NLMSG_NOOP;
     }
     return size;
+}
+
+int pthread_create(pthread_t* thread, pthread_attr_t const* attributes, void* (*start)(void*), void* argument)
+{
+    auto* const create = next<decltype(pthread_create)>("pthread_create");
+    return test::threadFails ? EAGAIN : create(thread, attributes, start, argument);
 }
 
 int pthread_cancel(pthread_t thread)

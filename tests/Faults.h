@@ -13,6 +13,9 @@ namespace test {
 // So many requests that the process sends next fail, as if the kernel had no memory for them: every other one says so.
 extern std::atomic<int> failingRequests;
 
+// Whether no thread can be started.
+extern std::atomic<bool> threadFails;
+
 // Whether poll fails at once where it would wait.
 extern std::atomic<bool> pollFails;
 

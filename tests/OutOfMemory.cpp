@@ -7,12 +7,6 @@
 #include <dlfcn.h>
 #include <netlink/cache.h>
 
-extern "C" {
-void* __libc_malloc(std::size_t size);                    // NOLINT
-void* __libc_calloc(std::size_t count, std::size_t size); // NOLINT
-void* __libc_realloc(void* memory, std::size_t size);     // NOLINT
-}
-
 namespace {
 
 std::atomic<int> untilFailure{0}; // allocations, of the thread that is meant; 0: none fails
@@ -21,6 +15,12 @@ thread_local bool isMain = false;
 
 bool failsNow() { return untilFailure != 0 && isMain == mainIsMeant && --untilFailure == 0; }
 
+template <typename Function>
+Function* next(char const* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
 } // namespace
 
 extern "C" {
@@ -28,15 +28,20 @@ extern "C" {
 int nl_cache_mngr_alloc(nl_sock* socket, int protocol, int flags, nl_cache_mngr** result)
 {
     int const left = untilFailure.exchange(0);
-    auto* const original = reinterpret_cast<decltype(&nl_cache_mngr_alloc)>(dlsym(RTLD_NEXT, "nl_cache_mngr_alloc"));
-    int const error = original(socket, protocol, flags, result);
+    int const error = next<decltype(nl_cache_mngr_alloc)>("nl_cache_mngr_alloc")(socket, protocol, flags, result);
     untilFailure = left;
     return error;
 }
 
-void* malloc(std::size_t size) { return failsNow() ? nullptr : __libc_malloc(size); }
-void* calloc(std::size_t count, std::size_t size) { return failsNow() ? nullptr : __libc_calloc(count, size); }
-void* realloc(void* memory, std::size_t size) { return failsNow() ? nullptr : __libc_realloc(memory, size); }
+void* malloc(std::size_t size) { return failsNow() ? nullptr : next<decltype(malloc)>("malloc")(size); }
+void* calloc(std::size_t count, std::size_t size)
+{
+    return failsNow() ? nullptr : next<decltype(calloc)>("calloc")(count, size);
+}
+void* realloc(void* memory, std::size_t size)
+{
+    return failsNow() ? nullptr : next<decltype(realloc)>("realloc")(memory, size);
+}
 }
 
 namespace {
