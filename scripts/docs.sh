@@ -18,4 +18,5 @@ mkdir -p "$NETLINK_ROUTE_HEADERS/netlink_route" build
 cp components/*/include/*.h "$NETLINK_ROUTE_HEADERS/netlink_route"
 rm -rf build/docs
 quietly "building the reference" doxygen doc/Doxyfile
+rm build/docs/dir_*.html # pages of folders, which nothing links to; their names come from where the project lies
 say "built $project/build/docs/index.html"

@@ -18,7 +18,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 root=$project/build/package-root
 result=$project/build/packages
 packages=(build-essential crossbuild-essential-armhf debhelper cmake ninja-build lintian pkgconf{,:armhf} libstdc++6:armhf
-    libnl-3-dev{,:armhf} libnl-route-3-dev{,:armhf} libgtest-dev libgmock-dev)
+    libnl-3-dev{,:armhf} libnl-route-3-dev{,:armhf} libgtest-dev libgmock-dev doxygen doxygen-awesome-css)
 
 # build_packages ARCHITECTURE FOLDER ARGUMENT...: from the files that git knows, in that folder of the root.
 build_packages() {
@@ -61,7 +61,7 @@ make_root "$root" bookworm --architectures=amd64,armhf --include="$(IFS=,; echo 
 rm -rf "$root"/{build,elsewhere} "$result"
 mkdir -p "$result"
 build_packages amd64 build/amd64 --build=full
-build_packages armhf build/armhf --build=binary -Pcross,nocheck
+build_packages armhf build/armhf --build=any -Pcross,nocheck
 for architecture in amd64 armhf; do
     judge "build/$architecture"
     cp "$root/build/$architecture"/*.{deb,dsc,tar.xz} "$result" 2>/dev/null || true

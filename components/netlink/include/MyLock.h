@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <string>
 
+/// @relates netlink_route::MyLock
 /// Guards every access to the caches, of all managers in the process. Not recursive: whoever holds it must not
 /// call a query of CacheManager.
 extern NETLINK_ROUTE_API pthread_mutex_t mutex_man;
