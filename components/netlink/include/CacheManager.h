@@ -39,11 +39,12 @@ class NoCancellation;
 /// @par What queries see
 /// What a change did is seen by the queries that the same thread makes after it: a change that the kernel accepted
 /// waits until the event thread has applied what the kernel had notified by then (an update with addresses does so
-/// twice). Two exceptions: a change in another network namespace, and a kernel that others change without pause, so that
-/// a tenth of a second of the event thread's work, or one second at the very most, does not suffice. What others do is
-/// seen when the kernel's notification has been applied, within milliseconds. Routes that the kernel drops without a
-/// notification, with a link that goes down for one, leave the caches a moment later. There is no callback: a program
-/// that must notice a change asks again from time to time, which costs microseconds.
+/// twice). Two exceptions: a change in another network namespace, and one that the event thread has not reached after a
+/// tenth of a second of its work, or after one second at the very most: while others change the kernel without pause, or
+/// while it reads, say, 100,000 routes on a busy machine. What others do is seen when the kernel's notification has been
+/// applied, within milliseconds. Routes that the kernel drops without a notification, with a link that goes down for one,
+/// leave the caches a moment later. There is no callback: a program that must notice a change asks again from time to
+/// time, which costs microseconds.
 ///
 /// @par Waiting
 /// Queries wait for one another and for a small part of a cache update in progress, never for the kernel. An update

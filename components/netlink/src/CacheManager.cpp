@@ -109,6 +109,7 @@ CacheManager::~CacheManager()
 
 void CacheManager::freeCaches()
 {
+    mirror.reset(); // first: another cache manager may get this one's address
     if (mngr != nullptr) {
         freeManager(mngr, {linkCache, routeCache, addrCache});
     }
@@ -116,7 +117,6 @@ void CacheManager::freeCaches()
     linkCache = nullptr;
     routeCache = nullptr;
     addrCache = nullptr;
-    mirror.reset();
 }
 
 // In the child of a fork the event thread does not exist: it stayed in the other process, perhaps in the middle of a
@@ -206,6 +206,7 @@ std::string toBits(unsigned int flags) { return std::bitset<32>(flags).to_string
 
 nl_addr* CacheManager::convertToAddress(Address const& address)
 {
+    NoCancellation const guard;
     std::string const text = address.getAddress();
     if (text.empty()) {
         TRACE_DEBUG2("cannot convert an empty address");
@@ -230,6 +231,7 @@ nl_addr* CacheManager::convertToAddress(Address const& address)
 
 rtnl_addr* CacheManager::convertToAddress(Address const& address, int index)
 {
+    NoCancellation const guard;
     if (index == 0) {
         TRACE_ERROR("convertToAddress should have a parent different from 0");
         return nullptr;
@@ -246,6 +248,7 @@ rtnl_addr* CacheManager::convertToAddress(Address const& address, int index)
 
 Address CacheManager::generateFromAddress(nl_addr* address)
 {
+    NoCancellation const guard;
     if (address == nullptr) {
         TRACE_ERROR("null pointer!");
         return {"", Address::NONE};
@@ -321,6 +324,7 @@ LinkPtr makeLink(Vlan const& vlan, Vlan const& current)
 
 void CacheManager::convertToLinkCommonHelper(rtnl_link* link, Interface const& interface)
 {
+    NoCancellation const guard;
     if (link == nullptr) {
         TRACE_ERROR("null pointer!");
         return;
@@ -337,6 +341,7 @@ rtnl_link* CacheManager::convertToLink(Vlan const& vlan) { return makeLink(vlan,
 
 void CacheManager::generateFromLinkCommonHelper(Interface& interface, rtnl_link* link)
 {
+    NoCancellation const guard;
     if (link == nullptr) {
         TRACE_ERROR("null pointer!");
         return;
@@ -470,6 +475,7 @@ rtnl_route* CacheManager::convertToRoute(Route const& route)
 
 Route CacheManager::generateFromRoute(rtnl_route* found)
 {
+    NoCancellation const guard;
     if (found == nullptr) {
         TRACE_ERROR("null pointer!");
         return Route("");

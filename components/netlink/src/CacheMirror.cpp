@@ -224,9 +224,8 @@ void CacheMirror::readWhatIsDue()
     if (dirty.hasLoss() && !events.isEmpty()) {
         return;
     }
-    turns.setReading(true);
+    turns.beginReading();
     repair.readWhatIsDue();
-    turns.setReading(false);
 }
 
 // ---- The threads of the callers ----

@@ -18,6 +18,7 @@ void Turns::begin()
 
 void Turns::end(bool complete)
 {
+    reading = false;
     {
         MutexLock const guard(mutex);
         running = !complete;

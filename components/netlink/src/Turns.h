@@ -22,11 +22,10 @@ public:
     void setThread(pthread_t thread);
 
     void begin();
+    // From now to its end, the turn reads the kernel, and changes the caches accordingly.
+    void beginReading() { reading = true; }
     // Not complete: only a reading that is still to come will show what has changed.
     void end(bool complete);
-
-    // Whether the event thread reads the kernel at the moment, and changes the caches accordingly.
-    void setReading(bool is) { reading = is; }
 
     // Waits until all that is queued on the event socket has been applied. Gives up when the event thread has worked on
     // notifications for a tenth of a second, or after a second.

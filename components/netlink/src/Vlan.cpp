@@ -1,5 +1,6 @@
 #include "Vlan.h"
 
+#include "Cancellation.h"
 #include "Dump.h"
 #include "Trace.h"
 
@@ -45,6 +46,7 @@ std::string Vlan::toString() const
 
 bool operator==(Vlan const& lhs, Vlan const& rhs)
 {
+    NoCancellation const guard;
     bool const sameInterface = static_cast<Interface const&>(lhs) == static_cast<Interface const&>(rhs);
     TRACE_DEBUG2("compare lhs: %s", lhs.toString().c_str());
     TRACE_DEBUG2("compare rhs: %s", rhs.toString().c_str());
