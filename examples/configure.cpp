@@ -76,7 +76,7 @@ bool tryRoute(CacheManager& manager, std::string const& gateway)
     wanted.setDestination(network);
     wanted.setGateway(Address(gateway + "/32", Address::IPV4));
     // What the update did is seen by the query after it.
-    bool const success = manager.update(wanted, 0) && manager.getRoute(network).isAddedToKernel();
+    bool const success = manager.update(wanted, seconds) && manager.getRoute(network).isAddedToKernel();
     if (!done(success, "route to " + network.getAddress())) {
         return false;
     }

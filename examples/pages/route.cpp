@@ -3,12 +3,15 @@
 
 #include <iostream>
 #include <string>
+#include <syslog.h>
 
 using namespace netlink_route;
 
 namespace {
 
+//! [network]
 Address const network("198.51.100.0/24", Address::IPV4);
+//! [network]
 
 //! [add]
 bool addRoute(CacheManager& manager, std::string const& gateway)
@@ -16,7 +19,7 @@ bool addRoute(CacheManager& manager, std::string const& gateway)
     Route wanted("example");
     wanted.setDestination(network);
     wanted.setGateway(Address(gateway + "/32", Address::IPV4)); // a bare gateway would be left out
-    return manager.update(wanted, 0);
+    return manager.update(wanted, 1);
 }
 //! [add]
 
@@ -46,6 +49,7 @@ bool ensureRoute(CacheManager& manager, std::string const& gateway)
 
 int main(int argc, char* argv[])
 {
+    openlog("route", LOG_PERROR, LOG_USER); // shows the log that TRACE_LEVEL switches on
     if (argc != 3) {
         std::cerr << "usage: route GATEWAY OTHER-GATEWAY\n";
         return 2;

@@ -3,6 +3,7 @@
 
 #include <iostream>
 #include <string>
+#include <syslog.h>
 
 using namespace netlink_route;
 
@@ -24,7 +25,8 @@ bool bringToMtu(CacheManager& manager, std::string const& name, unsigned int mtu
 //! [mtu]
 
 //! [address]
-// The update replaces the address that the link has, and the routes through it go: so only when it is another one.
+// The update replaces the address that the link has, and the routes through it go: so only when it is another one. The
+// text must be an address: any other one removes the link's, and adds none.
 bool bringToAddress(CacheManager& manager, std::string const& name, std::string const& address)
 {
     Interface const current = manager.getInterface(name);
@@ -43,6 +45,7 @@ bool bringToAddress(CacheManager& manager, std::string const& name, std::string 
 
 int main(int argc, char* argv[])
 {
+    openlog("state", LOG_PERROR, LOG_USER); // shows the log that TRACE_LEVEL switches on
     if (argc != 3) {
         std::cerr << "usage: state LINK ADDRESS/LENGTH\n";
         return 2;

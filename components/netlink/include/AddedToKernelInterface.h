@@ -21,6 +21,7 @@ public:
     ///@}
 
     /// Whether a query found this value in the caches. Ask it of every answer before using the answer.
+    /// Not const: keep the answer in a variable that is not const.
     bool isAddedToKernel();
 
     /// Stores the flag. Always true.

@@ -18,6 +18,9 @@ namespace netlink_route {
 /// | IPV4 | an address with its prefix length, 192.168.1.10/24, a host with /32 | the same; without /32, see below |
 /// | IPV4 | default, any, all or none | 0.0.0.0/0 |
 ///
+/// @warning Given to a link, a bare, misspelt or IPv6 address takes away the IPv4 address that the link has, and adds
+/// none: see CacheManager::update. Look at a text from outside before you hand it in.
+///
 /// An address of a link, a destination and a preferred source are read back without the prefix length when that
 /// is 32: 10.0.0.1. Append /32 before handing such a text in again. Gateways and hops of a route are read back with
 /// it: 10.0.0.1/32.

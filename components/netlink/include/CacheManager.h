@@ -48,8 +48,8 @@ class NoCancellation;
 ///
 /// @par Waiting
 /// Queries wait for one another and for a small part of a cache update in progress, never for the kernel. An update
-/// takes what the kernel takes, and twice `tries` seconds at the very worst; the removal of a route that the kernel
-/// accepted takes one second.
+/// is as fast as the kernel; if what was wanted does not show, it looks again each second, for twice `tries` seconds at
+/// the very worst. The removal of a route that the kernel accepted takes one second.
 ///
 /// @par Threads and signals
 /// Every operation may be called from any thread at any time between construction and destruction. Two updates at
@@ -136,18 +136,23 @@ public:
     /// Changes the link of that name, then replaces its first IPv4 address by the wanted ones. A link that does not
     /// exist is asked for without a kind, which the kernel refuses: only VLANs can be created.
     ///
-    /// After each of the two steps the update looks whether the caches show the wanted state: `tries` attempts, with
-    /// pauses of one second between them, which are rare, since an accepted change is already in the caches. With
-    /// `tries` 0 the first step fails at once after its request; below 0 nothing is verified. The comparison is
-    /// operator==, and that of the address's text. So an update waits in vain for:
+    /// After each of the two steps the update looks whether the caches show the wanted state, at most `tries` times.
+    /// After each look in vain it pauses for one second, which is rare, since an accepted change is already in the caches.
+    ///
+    /// With `tries` 0 the request is sent, the addresses are left alone, and the update is false, whatever the kernel did.
+    /// Below 0 nothing is verified: the update is true when the kernel accepts the link, even if it then refuses every
+    /// address. (A table of this: page @ref wanted_state.) The comparison is operator==, and that of the address's text. So an update waits in vain for:
     /// - two or more addresses, since a link is read with one;
     /// - an address with /32, which is read back without;
     /// - an IPv6 address, which is not sent;
-    /// - an address that does not convert: it is left out, with an error in the log (below 0 the update is true);
+    /// - an address that does not convert: it is left out, with an error in the log;
     /// - a MAC or broadcast address that is read back otherwise: with capital letters, or with numbers of one digit;
     /// - another ARP type or VLAN id of a link that exists, which the kernel does not take;
     /// - another index than the link's, which is not sent;
     /// - a link under its alternative name, by which no query finds it.
+    ///
+    /// @warning A bare, misspelt or IPv6 address takes away the address that the link has, since that is removed first,
+    /// and adds none. With `tries` below 0 the update is even true.
     ///
     /// @warning Addresses are replaced by removing first and adding then, even when both are equal. The kernel then
     /// drops the routes that went through the old one, the default route too, and its label, its lifetime and the
@@ -174,8 +179,8 @@ public:
     /// @name Changes of routes
     ///@{
 
-    /// Adds the route; the second argument has no effect. A route that exists is refused, so a repeated update is
-    /// false. One that differs in its gateway alone is a second route, in front of the first.
+    /// Adds the route; the second argument has no effect, not even 0. A route that exists is refused, so a repeated
+    /// update is false. One that differs in its gateway alone is a second route, in front of the first.
     bool update(Route const& route, int tries);
 
     /// Deletes a route that fits, then waits one second; a refusal returns at once. A route without a gateway fits

@@ -142,6 +142,10 @@ public:
 
     /// Appends an address of type IPV4 or IPV6, after emptying the list when `replace` is set. Refuses an
     /// empty text and any other type; does not look for duplicates.
+    ///
+    /// @warning What the text means is not looked at. An update with a text that is no address (10.0.0.1 without its
+    /// prefix length, 10.0.0.300/24), or with an IPv6 address, which is never sent, takes away the IPv4 address that the
+    /// link has, and adds none.
     bool addIp(Address const& ip, bool replace);
 
     /// Removes the first entry with the same text, of whatever type. False when there is none.
