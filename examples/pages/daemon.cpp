@@ -4,6 +4,7 @@
 #include <chrono>
 #include <iostream>
 #include <string>
+#include <syslog.h>
 #include <thread>
 
 using namespace netlink_route;
@@ -33,6 +34,7 @@ bool keepMtu(CacheManager& manager, std::string const& name, unsigned int mtu)
 
 int main(int argc, char* argv[])
 {
+    openlog("daemon", LOG_PERROR, LOG_USER); // shows the log that TRACE_LEVEL switches on
     if (argc != 2) {
         std::cerr << "usage: daemon LINK\n";
         return 2;

@@ -3,11 +3,13 @@
 
 #include <iostream>
 #include <string>
+#include <syslog.h>
 
 using namespace netlink_route;
 
 int main(int argc, char* argv[])
 {
+    openlog("vlan", LOG_PERROR, LOG_USER); // shows the log that TRACE_LEVEL switches on
     if (argc != 2) {
         std::cerr << "usage: vlan PARENT\n";
         return 2;
