@@ -2,6 +2,7 @@
 // netlink-route-configure.
 #include <netlink_route/CacheManager.h>
 
+#include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
 #include <iostream>
@@ -28,6 +29,17 @@ goes, and with it the routes through it. A shell command in the environment vari
 step, such as CONFIGURE_WATCH='ip address'. TRACE_LEVEL=3 tells why a step fails, on standard error and in the system
 log.
 )";
+
+// Whether the library takes it. Another text would take away the address that the link has.
+bool isAddress(std::string const& text)
+{
+    auto const slash = text.find('/');
+    std::string const digits = text.substr(slash + 1);
+    auto const length = std::strtoul(digits.c_str(), nullptr, 10);
+    in_addr bytes{};
+    return inet_pton(AF_INET, text.substr(0, slash).c_str(), &bytes) == 1 && length <= 32 &&
+           digits == std::to_string(length);
+}
 
 bool done(bool success, std::string const& step)
 {
@@ -98,8 +110,8 @@ int main(int argc, char* argv[])
         return isHelp ? 0 : 2;
     }
     std::string const name = argv[2];
-    if (std::string(argv[3]).find('/') == std::string::npos) {
-        std::cerr << program << ": '" << argv[3] << "' needs its prefix length, as in 192.168.1.10/24\n";
+    if (!isAddress(argv[3])) {
+        std::cerr << program << ": '" << argv[3] << "' is no address with its prefix length, as 192.168.1.10/24 is\n";
         return 2;
     }
     CacheManager manager;
