@@ -100,7 +100,8 @@ void CacheMirror::begin(Caches const& filled) noexcept
 
 // The routes are read here, since libnl did not (see addRouteCache); so the kernel's routes to each destination are known
 // from the start, of which libnl's cache holds one. When libnl fails to fill a cache, it takes the rest of that answer for
-// the one to its next request: so the caches that there are may be wrong.
+// the one to its next request: so the caches that there are may be wrong. And a notification that waits already may be of
+// an address as the filling shows it: libnl will put it at the end of its cache without a callback.
 void CacheMirror::correctFilling()
 {
     if (caches.link == nullptr || caches.route == nullptr || caches.addr == nullptr) {
@@ -114,6 +115,9 @@ void CacheMirror::correctFilling()
         }
     }
     repair.readWhatIsDue();
+    if (!events.isEmpty()) {
+        dirty.noteAddresses();
+    }
 }
 
 // ---- The event thread ----

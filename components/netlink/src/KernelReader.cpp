@@ -23,14 +23,12 @@ struct KernelReader::Answer {
     std::atomic<bool> const& stop;
     Objects objects{};
     std::size_t messages = 0;
-    std::size_t bytes = 0;
     int result = 0; // libnl's, of keeping the objects
 
     static int keepMessage(nl_msg* message, void* argument)
     {
         auto& answer = *static_cast<Answer*>(argument);
         ++answer.messages;
-        answer.bytes += nlmsg_hdr(message)->nlmsg_len;
         int const parsed = nl_msg_parse(message, keepObject, argument);
         if (parsed < 0 && parsed != -NLE_MSGTYPE_NOSUPPORT) {
             answer.result = parsed;
@@ -111,7 +109,8 @@ int KernelReader::request(int type, int flags, void* body, std::size_t size, Ans
 std::optional<Objects> KernelReader::dump(int type, void* body, std::size_t size)
 {
     Answer answer{stop};
-    if (request(type, NLM_F_DUMP, body, size, answer) < 0) {
+    int const result = request(type, NLM_F_DUMP, body, size, answer);
+    if (result < 0 && result != -NLE_NODEV) {
         return std::nullopt;
     }
     return std::move(answer.objects);
@@ -130,25 +129,14 @@ std::optional<Objects> KernelReader::readIpv4Addresses()
     return dump(RTM_GETADDR, &body, sizeof body);
 }
 
-std::optional<KernelReader::Routes> KernelReader::dumpRoutes(void* body, std::size_t size)
-{
-    Answer answer{stop};
-    int const result = request(RTM_GETROUTE, NLM_F_DUMP, body, size, answer);
-    if (result < 0 && result != -NLE_NODEV) {
-        return std::nullopt;
-    }
-    constexpr std::size_t firstPiece = 3500; // bytes: a page, less what the kernel itself needs of it
-    return Routes{std::move(answer.objects), answer.bytes <= firstPiece};
-}
-
-std::optional<KernelReader::Routes> KernelReader::readRoutes()
+std::optional<Objects> KernelReader::readRoutes()
 {
     rtmsg body{};
     body.rtm_family = AF_INET;
-    return dumpRoutes(&body, sizeof body);
+    return dump(RTM_GETROUTE, &body, sizeof body);
 }
 
-std::optional<KernelReader::Routes> KernelReader::readRoutesOf(int link)
+std::optional<Objects> KernelReader::readRoutesOf(int link)
 {
     struct {
         rtmsg header{};
@@ -158,7 +146,7 @@ std::optional<KernelReader::Routes> KernelReader::readRoutesOf(int link)
     body.header.rtm_family = AF_INET;
     body.index = link;
     bool const canChoose = (socket != nullptr || open() == 0) && strict;
-    return canChoose ? dumpRoutes(&body, sizeof body) : std::nullopt;
+    return canChoose ? dump(RTM_GETROUTE, &body, sizeof body) : std::nullopt;
 }
 
 // libnl has no objects for them, so the messages are counted.

@@ -31,12 +31,8 @@ public:
     // All IPv4 routes, or those with a hop on that link, of which a link that is gone has none. Route exceptions, such as
     // a learnt path MTU, are no routes, and are left out. A kernel that cannot choose (before Linux 4.20) fails to read
     // the routes of one link.
-    struct Routes {
-        Objects routes;
-        bool inOnePiece; // the kernel made the whole answer at one time
-    };
-    std::optional<Routes> readRoutes();
-    std::optional<Routes> readRoutesOf(int link);
+    std::optional<Objects> readRoutes();
+    std::optional<Objects> readRoutesOf(int link);
 
     // Whether the kernel has nexthop objects, or fails to tell.
     bool mayHaveNexthopObjects();
@@ -52,7 +48,6 @@ private:
     struct Answer;
     int request(int type, int flags, void* body, std::size_t size, Answer& answer);
     std::optional<Objects> dump(int type, void* body, std::size_t size);
-    std::optional<Routes> dumpRoutes(void* body, std::size_t size);
     void close();
 
     std::atomic<bool> const& stop;

@@ -91,15 +91,17 @@ bool TableRepair::readAddresses()
     return applied.complete;
 }
 
-// A dump comes in pieces, and the kernel finds the next piece by counting routes: when one was removed meanwhile, it may
-// skip another. A notification that is queued during the reading may tell of that, so all routes are read once more.
+// What is notified during a reading of routes leads libnl astray when it is applied to what the reading has shown: the
+// removal of one of two routes that libnl cannot tell apart removes the other one, since the reading has put that into
+// the cache. And a dump comes in pieces, of which the kernel finds the next one by counting routes: when one was removed
+// meanwhile, it may skip another. So all routes are read once more.
 bool TableRepair::readRoutes()
 {
     if (!dirty.takeRoutes() || caches.route == nullptr) {
         return true;
     }
     dirty.setSharedKeys(std::nullopt);
-    std::optional<KernelReader::Routes> fresh;
+    std::optional<Objects> fresh;
     if (reader.waitForKernel()) {
         fresh = reader.readRoutes();
     }
@@ -107,11 +109,11 @@ bool TableRepair::readRoutes()
         dirty.noteRoutes();
         return false;
     }
-    bool const maySkip = !fresh->inOnePiece && !events.isEmpty();
+    bool const wasOvertaken = !events.isEmpty();
     dirty.setNexthopObjects(reader.mayHaveNexthopObjects());
-    auto sharedKeys = makeRoutesEqual(caches.route, std::move(fresh->routes), slices());
+    auto sharedKeys = makeRoutesEqual(caches.route, std::move(*fresh), slices());
     bool const complete = sharedKeys.has_value();
-    if (maySkip || !complete) {
+    if (wasOvertaken || !complete) {
         dirty.noteRoutes();
     }
     dirty.setSharedKeys(std::move(sharedKeys));
@@ -121,11 +123,12 @@ bool TableRepair::readRoutes()
 // ---- The routes of some links ----
 
 // The kernel notifies most of the routes that go with an address, a moment after the address. So when notifications have
-// come until the kernel is done, they are applied first: mostly no route is in question then. Not twice in a row, since
-// others may change something without pause.
+// come until the kernel is done, they are applied first: mostly no route is in question then. And an answer that was
+// overtaken (see readRoutes()) is asked for again. Neither twice in a row, since others may change something without
+// pause: then all routes are read once more.
 bool TableRepair::readRoutesOfCauses()
 {
-    bool const hadPutOff = std::exchange(hasPutOff, false);
+    bool const mayPutOff = !std::exchange(hasPutOff, false);
     DirtyTables::Causes const causes = dirty.takeCauses();
     if (caches.route == nullptr) {
         return true;
@@ -138,16 +141,22 @@ bool TableRepair::readRoutesOfCauses()
         dirty.putBack(causes);
         return false;
     }
-    hasPutOff = !hadPutOff && !events.isEmpty();
-    if (hasPutOff) {
+    std::optional<Objects> fresh;
+    bool wasOvertaken = mayPutOff && !events.isEmpty();
+    if (!wasOvertaken) {
+        fresh = suspects.needAll ? std::nullopt : readRoutesOf(suspects.links);
+        wasOvertaken = !events.isEmpty();
+    }
+    if (wasOvertaken && mayPutOff) {
+        hasPutOff = true;
         dirty.putBack(causes);
         return true;
     }
-    if (suspects.needAll) {
+    if (wasOvertaken || suspects.mayHide || !fresh.has_value()) {
         dirty.noteRoutes();
-        return true;
     }
-    bool const complete = readRoutesOf(suspects);
+    bool const complete =
+        !fresh.has_value() || removeStaleRoutes(caches.route, suspects.routes, std::move(*fresh), slices()).complete;
     if (!complete) {
         dirty.putBack(causes);
     }
@@ -192,25 +201,18 @@ TableRepair::Suspects TableRepair::findSuspects(DirtyTables::Causes const& cause
     return suspects;
 }
 
-// Asks for the routes of each link that the suspects' hops use, and removes the suspects that the kernel does not have.
-bool TableRepair::readRoutesOf(Suspects const& suspects)
+// std::nullopt, as on failure, when the kernel is too old to be asked for them.
+std::optional<Objects> TableRepair::readRoutesOf(NumberSet<int> const& links)
 {
-    if (suspects.mayHide) {
-        dirty.noteRoutes();
-    }
-    Objects fresh;
-    for (int const link : suspects.links) {
-        std::optional<KernelReader::Routes> answer = reader.readRoutesOf(link);
-        if (!answer.has_value()) { // perhaps the kernel is too old
-            dirty.noteRoutes();
-            return true;
+    Objects routes;
+    for (int const link : links) {
+        std::optional<Objects> answer = reader.readRoutesOf(link);
+        if (!answer.has_value()) {
+            return std::nullopt;
         }
-        if (!answer->inOnePiece && !events.isEmpty()) { // it may skip a route, as in readRoutes()
-            dirty.noteRoutes();
-        }
-        std::move(answer->routes.begin(), answer->routes.end(), std::back_inserter(fresh));
+        std::move(answer->begin(), answer->end(), std::back_inserter(routes));
     }
-    return removeStaleRoutes(caches.route, suspects.routes, std::move(fresh), slices()).complete;
+    return routes;
 }
 
 } // namespace netlink_route

@@ -6,6 +6,7 @@
 #include "KernelReader.h"
 
 #include <atomic>
+#include <optional>
 #include <vector>
 
 namespace netlink_route {
@@ -57,7 +58,7 @@ private:
     };
     bool readRoutesOfCauses();
     Suspects findSuspects(DirtyTables::Causes const& causes);
-    bool readRoutesOf(Suspects const& suspects);
+    std::optional<Objects> readRoutesOf(NumberSet<int> const& links);
     Slices slices() const { return {stop, lockSlices}; }
 
     DirtyTables& dirty;
