@@ -1,5 +1,6 @@
 #include "Faults.h"
 
+#include "KernelNumbers.h"
 #include "Support.h"
 
 #include <array>
@@ -22,28 +23,14 @@
 #include <unistd.h>
 #include <utility>
 
-namespace test {
-
-std::atomic<int> failingRequests{0};
-std::atomic<bool> threadFails{false};
-std::atomic<bool> pollFails{false};
-std::atomic<bool> fillTwice{false};
-std::atomic<bool> hideRouteRemovals{false};
-std::atomic<bool> cancelled{false};
-std::atomic<int> sleeps{0};
-std::atomic<int> tablesRead{0};
-std::atomic<long> objectsApplied{0};
-std::atomic<int> unlockedChanges{0};
-
-} // namespace test
-
 namespace {
 
 thread_local int allocations = 0;
 thread_local int failFrom = 0;
+thread_local bool isAlone = false; // in the constructor or the destructor, which take no lock
 std::mutex hookMutex;
+std::string requests;
 std::string linkRequest;
-std::function<void()> actionBefore;
 std::function<void()> actionDuring;
 std::function<void()> passAction;
 
@@ -55,15 +42,29 @@ Function* next(char const* name)
 
 bool failsNow() { return failFrom != 0 && ++allocations >= failFrom; }
 
-void lookAt(nlmsghdr const& request)
+// As takeRequests() shows it, 0: not at all.
+char letterOf(nlmsghdr const& request)
 {
-    int const type = request.nlmsg_type;
     bool const isDump = (request.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP;
-    bool const isWhole = type != RTM_GETROUTE || request.nlmsg_len <= NLMSG_LENGTH(sizeof(rtmsg)); // else of one link
-    test::tablesRead +=
-        isDump && isWhole && (type == RTM_GETLINK || type == RTM_GETADDR || type == RTM_GETROUTE) ? 1 : 0;
-    if (type == RTM_NEWLINK || type == RTM_SETLINK) {
-        std::lock_guard<std::mutex> const guard(hookMutex);
+    switch (request.nlmsg_type) {
+    case RTM_GETLINK:
+        return isDump ? 'L' : 'w';
+    case RTM_GETADDR:
+        return 'A';
+    case RTM_GETROUTE:
+        return request.nlmsg_len <= NLMSG_LENGTH(sizeof(rtmsg)) ? 'R' : 'r';
+    case netlink_route::getNexthop:
+        return 'n';
+    default:
+        return 0;
+    }
+}
+
+void lookAt(nlmsghdr const& request, char letter)
+{
+    std::lock_guard<std::mutex> const guard(hookMutex);
+    requests.append(letter != 0 ? 1 : 0, letter);
+    if (request.nlmsg_type == RTM_NEWLINK || request.nlmsg_type == RTM_SETLINK) {
         linkRequest.assign(reinterpret_cast<char const*>(&request), request.nlmsg_len);
     }
 }
@@ -90,21 +91,31 @@ void runOnce(std::function<void()>& action)
 extern "C" {
 ssize_t sendmsg(int descriptor, msghdr const* message, int flags)
 {
-    if (test::failingRequests > 0) {
-        errno = ENOBUFS;
-        return test::failingRequests-- % 2 == 0 ? -1 : static_cast<ssize_t>(message->msg_iov[0].iov_len);
+    int const failing = test::failingRequests > 0 ? test::failingRequests-- : 0;
+    if (failing % 2 != 0) {
+        return static_cast<ssize_t>(message->msg_iov[0].iov_len);
     }
     auto const& request = *static_cast<nlmsghdr const*>(message->msg_iov[0].iov_base);
     bool const isDump = (request.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP;
-    lookAt(request);
-    if (isDump) {
-        runOnce(actionBefore);
-    }
+    lookAt(request, letterOf(request));
     ssize_t const size = next<decltype(sendmsg)>("sendmsg")(descriptor, message, flags);
     if (isDump) {
         runOnce(actionDuring);
     }
+    if (failing > 0) {
+        errno = ENOBUFS;
+        return -1;
+    }
     return size;
+}
+
+ssize_t sendto(int descriptor, void const* data, std::size_t size, int flags, sockaddr const* to, socklen_t length)
+{
+    auto const* const request = static_cast<nlmsghdr const*>(data);
+    if (to != nullptr && to->sa_family == AF_NETLINK && request->nlmsg_type == RTM_GETLINK) {
+        lookAt(*request, 'l');
+    }
+    return next<decltype(sendto)>("sendto")(descriptor, data, size, flags, to, length);
 }
 
 ssize_t recvmsg(int descriptor, msghdr* message, int flags)
@@ -114,11 +125,16 @@ ssize_t recvmsg(int descriptor, msghdr* message, int flags)
     if (test::hideRouteRemovals && size >= NLMSG_HDRLEN && header->nlmsg_type == RTM_DELROUTE) {
         header->nlmsg_type = NLMSG_NOOP;
     }
+    bool const isPiece = size >= NLMSG_HDRLEN && (header->nlmsg_flags & NLM_F_MULTI) != 0 && (flags & MSG_PEEK) == 0;
+    if (isPiece && test::interruptDump.exchange(false)) {
+        header->nlmsg_flags |= NLM_F_DUMP_INTR;
+    }
     return size;
 }
 
 int pthread_create(pthread_t* thread, pthread_attr_t const* attributes, void* (*start)(void*), void* argument)
 {
+    isAlone = false;
     auto* const create = next<decltype(pthread_create)>("pthread_create");
     return test::threadFails ? EAGAIN : create(thread, attributes, start, argument);
 }
@@ -126,6 +142,7 @@ int pthread_create(pthread_t* thread, pthread_attr_t const* attributes, void* (*
 int pthread_cancel(pthread_t thread)
 {
     test::cancelled = true;
+    isAlone = true;
     return next<decltype(pthread_cancel)>("pthread_cancel")(thread);
 }
 
@@ -135,7 +152,32 @@ int poll(pollfd* records, nfds_t count, int milliseconds)
         errno = EINVAL;
         return -1;
     }
+    test::timedPolls += milliseconds >= 0 ? 1 : 0;
     return next<decltype(poll)>("poll")(records, count, milliseconds);
+}
+
+int dup3(int from, int to, int flags)
+{
+    if (test::replacements++ % 2 == 0) {
+        errno = EBUSY;
+        return -1;
+    }
+    return next<decltype(dup3)>("dup3")(from, to, flags);
+}
+
+int setsockopt(int descriptor, int level, int option, void const* value, socklen_t size)
+{
+    if (test::refuseLargeBuffers && level == SOL_SOCKET && option == SO_RCVBUFFORCE) {
+        errno = EPERM;
+        return -1;
+    }
+    return next<decltype(setsockopt)>("setsockopt")(descriptor, level, option, value, size);
+}
+
+int nl_cache_alloc_name(char const* kind, nl_cache** cache)
+{
+    isAlone = true;
+    return next<decltype(nl_cache_alloc_name)>("nl_cache_alloc_name")(kind, cache);
 }
 
 int nl_cache_refill(nl_sock* socket, nl_cache* cache)
@@ -158,14 +200,23 @@ int nl_cache_move(nl_cache* cache, nl_object* object)
 {
     ++test::objectsApplied;
     runOnce(passAction);
-    test::unlockedChanges += getpid() != gettid() && test::lockIsFree() ? 1 : 0;
+    test::unlockedChanges += !isAlone && test::lockIsFree() ? 1 : 0;
     return next<decltype(nl_cache_move)>("nl_cache_move")(cache, object);
+}
+
+void nl_object_put(nl_object* object)
+{
+    bool const isShared = object != nullptr && !isAlone && nl_object_get_cache(object) != nullptr;
+    test::unlockedChanges += isShared && test::lockIsFree() ? 1 : 0;
+    static auto* const put = next<decltype(nl_object_put)>("nl_object_put");
+    put(object);
 }
 
 unsigned int sleep(unsigned int seconds)
 {
-    ++test::sleeps;
-    return next<decltype(sleep)>("sleep")(seconds);
+    test::sleeps += static_cast<int>(seconds);
+    pthread_testcancel();
+    return test::signalEndsSleep ? seconds : next<decltype(sleep)>("sleep")(seconds);
 }
 
 rtnl_link* rtnl_link_alloc() { return failsNow() ? nullptr : next<decltype(rtnl_link_alloc)>("rtnl_link_alloc")(); }
@@ -186,11 +237,15 @@ void failAllocations(int first)
     failFrom = first;
 }
 
-void beforeReading(std::function<void()> action) { keep(actionBefore, std::move(action)); }
-
 void duringReading(std::function<void()> action) { keep(actionDuring, std::move(action)); }
 
 void duringPass(std::function<void()> action) { keep(passAction, std::move(action)); }
+
+std::string takeRequests()
+{
+    std::lock_guard<std::mutex> const guard(hookMutex);
+    return std::exchange(requests, "");
+}
 
 std::string lastLinkRequest()
 {
@@ -198,37 +253,14 @@ std::string lastLinkRequest()
     return linkRequest;
 }
 
-namespace {
-
-// The port of the socket that is in the group of the links.
-unsigned int eventPort()
+void notify(int group, std::vector<char> message)
 {
-    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
-        std::array<unsigned int, 8> groups{}; // the kernel tells of more than one word
-        socklen_t size = sizeof groups;
-        sockaddr_nl local{};
-        socklen_t length = sizeof local;
-        bool const isMember =
-            getsockopt(descriptor, SOL_NETLINK, NETLINK_LIST_MEMBERSHIPS, groups.data(), &size) == 0 &&
-            (groups[0] & 1U) != 0;
-        if (isMember && getsockname(descriptor, reinterpret_cast<sockaddr*>(&local), &length) == 0) {
-            return local.nl_pid;
-        }
-    }
-    return 0;
-}
-
-} // namespace
-
-void notifyManager(std::vector<char> message)
-{
-    sockaddr_nl manager{};
-    manager.nl_family = AF_NETLINK;
-    manager.nl_pid = eventPort();
-    ASSERT_NE(0U, manager.nl_pid);
+    sockaddr_nl members{};
+    members.nl_family = AF_NETLINK;
+    members.nl_groups = 1U << (group - 1);
     int const descriptor = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
     EXPECT_EQ(static_cast<ssize_t>(message.size()), sendto(descriptor, message.data(), message.size(), 0,
-                                                           reinterpret_cast<sockaddr*>(&manager), sizeof manager));
+                                                           reinterpret_cast<sockaddr*>(&members), sizeof members));
     close(descriptor);
 }
 

@@ -10,23 +10,32 @@ namespace test {
 
 // ---- Faults ----
 
-// So many requests that the process sends next fail, as if the kernel had no memory for them: every other one says so.
-extern std::atomic<int> failingRequests;
+// So many requests that the process sends next fail: each other one is sent and says that it is not, so that its answer
+// stays in the socket, and the one after it is not sent and says nothing.
+inline std::atomic<int> failingRequests{0};
+
+// The next answer says that the tables changed while the kernel made it.
+inline std::atomic<bool> interruptDump{false};
 
 // Whether no thread can be started.
-extern std::atomic<bool> threadFails;
+inline std::atomic<bool> threadFails{false};
 
 // Whether poll fails at once where it would wait.
-extern std::atomic<bool> pollFails;
+inline std::atomic<bool> pollFails{false};
+
+// Whether sleep(3) returns at once, as when a signal arrives.
+inline std::atomic<bool> signalEndsSleep{false};
+
+// Whether the kernel refuses receive buffers beyond the host's limit, as without CAP_NET_ADMIN.
+inline std::atomic<bool> refuseLargeBuffers{false};
 
 // Whether libnl fills caches as when the kernel changes meanwhile: it begins again without clearing.
-extern std::atomic<bool> fillTwice;
+inline std::atomic<bool> fillTwice{false};
 
 // Whether notifications of removed routes are lost, as of those that a kernel drops silently.
-extern std::atomic<bool> hideRouteRemovals;
+inline std::atomic<bool> hideRouteRemovals{false};
 
-// Has that done, once, just before the next dump, or in the middle of it: when the kernel has made its first piece.
-void beforeReading(std::function<void()> action);
+// Has that done, once, in the middle of the next dump: when the kernel has made its first piece.
 void duringReading(std::function<void()> action);
 
 // The same in the middle of the next pass of libnl: when it puts the first object into a cache.
@@ -37,20 +46,25 @@ void failAllocations(int first);
 
 // ---- Counts, all in all ----
 
-extern std::atomic<int> sleeps;          // calls of sleep(3)
-extern std::atomic<int> tablesRead;      // requests for a whole table
-extern std::atomic<long> objectsApplied; // objects that libnl put into caches
-extern std::atomic<int>
-    unlockedChanges; // those that another thread than the main one put there while the lock was free
+inline std::atomic<int> sleeps{0};       // seconds that sleep(3) was asked for
+inline std::atomic<int> timedPolls{0};   // calls of poll(2) with a timeout
+inline std::atomic<int> replacements{0}; // calls of dup3(2); each first one fails, as beside a thread that opens a file
+inline std::atomic<long> objectsApplied{0}; // objects that libnl put into caches
+// Those that were put there, and references to those there that were dropped, while the lock was free.
+inline std::atomic<int> unlockedChanges{0};
+
+// What the process has asked the kernel since the last call, in order: L, A, R for the tables of links, addresses and
+// routes, r for the routes of a link, n for nexthop objects, w whether a change is over, l for a link as an event.
+std::string takeRequests();
 
 // Whether a thread was cancelled, in this process.
-extern std::atomic<bool> cancelled;
+inline std::atomic<bool> cancelled{false};
 
 // The last link request that was sent, as bytes.
 std::string lastLinkRequest();
 
-// Sends a message to the event socket of the only manager of this process, as if the kernel had notified it.
-void notifyManager(std::vector<char> message);
+// Sends a message to the members of a group, as if the kernel had notified it.
+void notify(int group, std::vector<char> message);
 
 // A network namespace beside the one of the test, where commands can be run: ip("link set x netns " + path()).
 class OtherNamespace {

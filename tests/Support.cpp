@@ -54,6 +54,7 @@ void syslog(int priority, char const* format, ...)
     va_start(arguments, format);
     keep(priority, format, arguments);
     va_end(arguments);
+    pthread_testcancel(); // the C library's lets cancellation in, too
 }
 
 [[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int flag, char const* format, ...); // NOLINT
@@ -63,6 +64,7 @@ void __syslog_chk(int priority, int /*flag*/, char const* format, ...)          
     va_start(arguments, format);
     keep(priority, format, arguments);
     va_end(arguments);
+    pthread_testcancel(); // the C library's lets cancellation in, too
 }
 }
 

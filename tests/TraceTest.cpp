@@ -1,4 +1,5 @@
 // The log gate: what is written at which level, and how.
+#include "Faults.h"
 #include "Support.h"
 
 #include "Trace.h"
@@ -64,6 +65,7 @@ int main(int argc, char** argv)
         return 0;
     }
     program = argv[0];
+    test::signalEndsSleep = true;
     testing::InitGoogleMock(&argc, argv);
     return RUN_ALL_TESTS();
 }

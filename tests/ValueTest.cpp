@@ -61,7 +61,8 @@ TEST(Values, LinksRefuseWithoutAChangeAndKeepTheOrderOfAddresses)
     fields.insert(fields.end(), {"3", "10.0.0.2/8", "10.0.0.1/8", "10.0.0.3/8"});
     EXPECT_EQ(linkDump(fields), link.toString());
     EXPECT_TRUE(link.addIp(ipv4("10.0.0.4/8"), true));
-    EXPECT_EQ(1U, link.getIps().size());
+    ASSERT_EQ(1U, link.getIps().size());
+    EXPECT_EQ("10.0.0.4/8", link.getIps()[0].getAddress());
 }
 
 TEST(Values, UnsetFieldsMatchAnything)
