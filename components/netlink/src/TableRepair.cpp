@@ -91,6 +91,10 @@ bool TableRepair::readAddresses()
     return applied.complete;
 }
 
+// Whether something was notified during a reading of routes. Since Linux 6.9 the kernel dumps routes in the middle of a
+// change, too, whose notification comes a moment later.
+bool TableRepair::hasBeenOvertaken() { return !reader.waitForKernel() || !events.isEmpty(); }
+
 // What is notified during a reading of routes leads libnl astray when it is applied to what the reading has shown: the
 // removal of one of two routes that libnl cannot tell apart removes the other one, since the reading has put that into
 // the cache. And a dump comes in pieces, of which the kernel finds the next one by counting routes: when one was removed
@@ -109,7 +113,7 @@ bool TableRepair::readRoutes()
         dirty.noteRoutes();
         return false;
     }
-    bool const wasOvertaken = !events.isEmpty();
+    bool const wasOvertaken = hasBeenOvertaken();
     dirty.setNexthopObjects(reader.mayHaveNexthopObjects());
     auto sharedKeys = makeRoutesEqual(caches.route, std::move(*fresh), slices());
     bool const complete = sharedKeys.has_value();
@@ -145,7 +149,7 @@ bool TableRepair::readRoutesOfCauses()
     bool wasOvertaken = mayPutOff && !events.isEmpty();
     if (!wasOvertaken) {
         fresh = suspects.needAll ? std::nullopt : readRoutesOf(suspects.links);
-        wasOvertaken = !events.isEmpty();
+        wasOvertaken = hasBeenOvertaken();
     }
     if (wasOvertaken && mayPutOff) {
         hasPutOff = true;

@@ -48,6 +48,7 @@ private:
     bool readLinks();
     bool readAddresses();
     bool readRoutes();
+    bool hasBeenOvertaken();
 
     // The routes that may have gone with their links or addresses.
     struct Suspects {
