@@ -4,6 +4,7 @@
 #include "Faults.h"
 #include "MyLock.h"
 
+#include <arpa/inet.h>
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
 #include <memory>
@@ -116,6 +117,17 @@ TEST_F(Mirror, NexthopObjectsTakeTheirRoutesAway)
     EXPECT_TRUE(holds(manager, "10.6.0.0/16"));
 }
 
+void sendDatagram(char const* address, std::size_t bytes)
+{
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(9);
+    inet_pton(AF_INET, address, &to.sin_addr);
+    int const descriptor = socket(AF_INET, SOCK_DGRAM, 0);
+    sendto(descriptor, std::string(bytes, 'x').data(), bytes, 0, reinterpret_cast<sockaddr const*>(&to), sizeof to);
+    close(descriptor);
+}
+
 TEST_F(Mirror, RouteExceptionsAreNoRoutes)
 {
     test::OtherNamespace const router;
@@ -125,7 +137,7 @@ TEST_F(Mirror, RouteExceptionsAreNoRoutes)
                "echo 1 > /proc/sys/net/ipv4/ip_forward");
     ASSERT_TRUE(eventually(
         [] {
-            run("bash -c 'head -c 1400 /dev/zero >/dev/udp/10.9.0.9/9'"); // which the router would have to fragment
+            sendDatagram("10.9.0.9", 1400); // which the router would have to fragment
             return test::output("ip route show cache").find("mtu 1300") != std::string::npos;
         },
         5s));
