@@ -96,7 +96,7 @@ public:
         NumberSet<std::uint64_t> renewed;   // but for the routes with these keys, which were notified after that
     };
     Causes takeCauses();
-    void putBack(Causes const& causes);
+    void putBack(Causes const& taken);
 
     // Whether a table, or the routes of some links, may be read now.
     bool areTablesDue(Clock::time_point now) const { return isAnyTable() && now >= nextTables; }
