@@ -33,17 +33,18 @@ void DirtyTables::noteAddress(rtnl_addr* address, int action)
 // route that goes may have been one of two.
 void DirtyTables::noteRoute(rtnl_route* route, int action)
 {
-    if (action == NL_ACT_CHANGE || (action == NL_ACT_DEL && (nexthopObjects || mayShareKey(route)))) {
+    std::uint64_t const key = routeKey(route);
+    if (action == NL_ACT_CHANGE || (action == NL_ACT_DEL && (nexthopObjects || mayShare(key)))) {
         routes = true;
     }
     if (action != NL_ACT_DEL && isAnyCause()) {
-        causes.renewed.insert(routeKey(route));
+        causes.renewed.insert(key);
     }
 }
 
-bool DirtyTables::mayShareKey(rtnl_route* route) const
+bool DirtyTables::mayShare(std::uint64_t key) const
 {
-    return !sharedKeys.has_value() || std::binary_search(sharedKeys->begin(), sharedKeys->end(), routeKey(route));
+    return !sharedKeys.has_value() || std::binary_search(sharedKeys->begin(), sharedKeys->end(), key);
 }
 
 void DirtyTables::noteLoss()

@@ -77,8 +77,8 @@ public:
 
     // The keys, sorted, of which the kernel has several routes, or std::nullopt when a reading failed.
     void setSharedKeys(std::optional<std::vector<std::uint64_t>> keys) { sharedKeys = std::move(keys); }
-    // Whether the kernel may have several routes with the key of this one.
-    bool mayShareKey(rtnl_route* route) const;
+    // Whether the kernel may have several routes with that key.
+    bool mayShare(std::uint64_t key) const;
 
     void setNexthopObjects(bool may) { nexthopObjects = may; }
 

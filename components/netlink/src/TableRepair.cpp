@@ -145,26 +145,32 @@ bool TableRepair::readRoutesOfCauses()
         dirty.putBack(causes);
         return false;
     }
-    std::optional<Objects> fresh;
-    bool wasOvertaken = mayPutOff && !events.isEmpty();
-    if (!wasOvertaken) {
-        fresh = suspects.needAll ? std::nullopt : readRoutesOf(suspects.links);
-        wasOvertaken = hasBeenOvertaken();
+    if (mayPutOff && !events.isEmpty()) {
+        return putOff(causes);
     }
-    if (wasOvertaken && mayPutOff) {
-        hasPutOff = true;
-        dirty.putBack(causes);
+    std::optional<Objects> fresh = suspects.needAll ? std::nullopt : readRoutesOf(suspects.links);
+    if (!fresh.has_value()) {
+        dirty.noteRoutes();
         return true;
     }
-    if (wasOvertaken || suspects.mayHide || !fresh.has_value()) {
+    if (hasBeenOvertaken()) {
+        if (mayPutOff) {
+            return putOff(causes);
+        }
         dirty.noteRoutes();
     }
-    bool const complete =
-        !fresh.has_value() || removeStaleRoutes(caches.route, suspects.routes, std::move(*fresh), slices()).complete;
+    bool const complete = removeStaleRoutes(caches.route, suspects.routes, std::move(*fresh), slices()).complete;
     if (!complete) {
         dirty.putBack(causes);
     }
     return complete;
+}
+
+bool TableRepair::putOff(DirtyTables::Causes const& causes)
+{
+    hasPutOff = true;
+    dirty.putBack(causes);
+    return true;
 }
 
 namespace {
@@ -194,13 +200,14 @@ TableRepair::Suspects TableRepair::findSuspects(DirtyTables::Causes const& cause
         auto* const route = reinterpret_cast<rtnl_route*>(object);
         bool isSuspect = mayHideHops(route) || causes.addresses.contains(ipv4Bytes(rtnl_route_get_pref_src(route)));
         forEachHop(route, [&](int link) { isSuspect = isSuspect || causes.links.contains(link); });
-        if (!isSuspect || causes.renewed.contains(routeKey(route))) {
+        std::uint64_t const key = isSuspect ? routeKey(route) : 0;
+        if (!isSuspect || causes.renewed.contains(key)) {
             continue;
         }
         suspects.routes.push_back(object);
         forEachHop(route, [&](int link) { suspects.links.insert(link); });
         bool const hasHops = rtnl_route_get_nnexthops(route) != 0;
-        suspects.needAll = suspects.needAll || !hasHops || suspects.links.isOverflown() || dirty.mayShareKey(route);
+        suspects.needAll = suspects.needAll || !hasHops || suspects.links.isOverflown() || dirty.mayShare(key);
     }
     return suspects;
 }

@@ -54,10 +54,10 @@ private:
     struct Suspects {
         std::vector<nl_object*> routes; // of the cache
         NumberSet<int> links;           // that their hops use
-        bool needAll = false;           // the kernel cannot be asked for these routes alone
-        bool mayHide = false;           // the kernel may have others with their keys, which the cache does not hold
+        bool needAll = false;           // to ask for these routes alone is not possible, or not enough
     };
     bool readRoutesOfCauses();
+    bool putOff(DirtyTables::Causes const& causes);
     Suspects findSuspects(DirtyTables::Causes const& causes);
     std::optional<Objects> readRoutesOf(NumberSet<int> const& links);
     Slices slices() const { return {stop, lockSlices}; }
