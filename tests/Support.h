@@ -42,7 +42,7 @@ std::string configuration();
 
 // Whether the condition holds before the time is over.
 bool eventually(std::function<bool()> const& condition,
-                std::chrono::milliseconds time = std::chrono::milliseconds(1000));
+                std::chrono::milliseconds time = std::chrono::seconds(5));
 
 // Repeats something on a thread of its own for as long as it lives.
 class Meanwhile {
@@ -72,12 +72,12 @@ private:
 // route to a destination is one of the kernel's; else says what differs. Destinations are those that the kernel has had
 // at such a look.
 testing::AssertionResult mirrorsKernel(netlink_route::CacheManager const& manager,
-                                       std::chrono::milliseconds time = std::chrono::milliseconds(1000));
+                                       std::chrono::milliseconds time = std::chrono::seconds(5));
 
 // The same, and whether it tells all about each link that a manager made now does, the promiscuity count aside: the kernel
 // notifies nobody of that.
 testing::AssertionResult answersAsNew(netlink_route::CacheManager const& manager,
-                                      std::chrono::milliseconds time = std::chrono::milliseconds(1000));
+                                      std::chrono::milliseconds time = std::chrono::seconds(5));
 
 // A link and a route with every field set, each to a value of its own.
 netlink_route::Interface linkWithEveryField(std::string const& name);
