@@ -254,6 +254,8 @@ std::string const addLink = "echo link add a$i type veth peer name b$i; echo lin
                             "echo route add 10.8.$i.0/24 dev a$i";
 std::string const downLink = "echo link set a$i down";
 
+void PrintTo(Change const& change, std::ostream* out) { *out << change.name; }
+
 class Reading : public Mirror, public testing::WithParamInterface<Change> {};
 
 // And no poll has a timeout: tables as small as these are read at once.

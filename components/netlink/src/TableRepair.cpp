@@ -128,11 +128,13 @@ bool TableRepair::readRoutes()
 
 // The kernel notifies most of the routes that go with an address, a moment after the address. So when notifications have
 // come until the kernel is done, they are applied first: mostly no route is in question then. And an answer that was
-// overtaken (see readRoutes()) is asked for again. Neither twice in a row, since others may change something without
-// pause: then all routes are read once more.
+// overtaken (see readRoutes()) is asked for again. That goes on for ten turns at most, since others may change something
+// without pause: then all routes are read once more.
 bool TableRepair::readRoutesOfCauses()
 {
-    bool const mayPutOff = !std::exchange(hasPutOff, false);
+    constexpr int most = 10;
+    int const before = std::exchange(timesPutOff, 0);
+    bool const mayPutOff = before < most;
     DirtyTables::Causes const causes = dirty.takeCauses();
     if (caches.route == nullptr) {
         return true;
@@ -146,7 +148,7 @@ bool TableRepair::readRoutesOfCauses()
         return false;
     }
     if (mayPutOff && !events.isEmpty()) {
-        return putOff(causes);
+        return putOff(causes, before + 1);
     }
     std::optional<Objects> fresh = suspects.needAll ? std::nullopt : readRoutesOf(suspects.links);
     if (!fresh.has_value()) {
@@ -155,7 +157,7 @@ bool TableRepair::readRoutesOfCauses()
     }
     if (hasBeenOvertaken()) {
         if (mayPutOff) {
-            return putOff(causes);
+            return putOff(causes, before + 1);
         }
         dirty.noteRoutes();
     }
@@ -166,9 +168,9 @@ bool TableRepair::readRoutesOfCauses()
     return complete;
 }
 
-bool TableRepair::putOff(DirtyTables::Causes const& causes)
+bool TableRepair::putOff(DirtyTables::Causes const& causes, int times)
 {
-    hasPutOff = true;
+    timesPutOff = times;
     dirty.putBack(causes);
     return true;
 }

@@ -57,7 +57,7 @@ private:
         bool needAll = false;           // to ask for these routes alone is not possible, or not enough
     };
     bool readRoutesOfCauses();
-    bool putOff(DirtyTables::Causes const& causes);
+    bool putOff(DirtyTables::Causes const& causes, int times);
     Suspects findSuspects(DirtyTables::Causes const& causes);
     std::optional<Objects> readRoutesOf(NumberSet<int> const& links);
     Slices slices() const { return {stop, lockSlices}; }
@@ -68,7 +68,7 @@ private:
     KernelReader reader;
     Caches caches;
     bool lockSlices = false;
-    bool hasPutOff = false; // the last reading of the routes of some links
+    int timesPutOff = 0; // in a row: the reading of the routes of some links
 };
 
 } // namespace netlink_route
