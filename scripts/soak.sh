@@ -2,7 +2,7 @@
 # Loads the library for a while: threads that query and update, and `ip` that changes links, addresses, routes,
 # nexthop objects and VLANs, in a network namespace made for it. Every few seconds it compares the manager's answers
 # with the kernel's and with those of a new manager; it watches memory and descriptors, and fails if anything differs
-# for more than a second or grows.
+# for more than five seconds or grows.
 #
 #     [SOAK_SEED=NUMBER] scripts/soak.sh SECONDS [--vm]    --vm: in a virtual machine, with VLANs and a bond
 #

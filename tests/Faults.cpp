@@ -122,9 +122,6 @@ ssize_t recvmsg(int descriptor, msghdr* message, int flags)
 {
     ssize_t const size = next<decltype(recvmsg)>("recvmsg")(descriptor, message, flags);
     auto* const header = static_cast<nlmsghdr*>(message->msg_iov[0].iov_base);
-    if (test::hideRouteRemovals && size >= NLMSG_HDRLEN && header->nlmsg_type == RTM_DELROUTE) {
-        header->nlmsg_type = NLMSG_NOOP;
-    }
     bool const isPiece = size >= NLMSG_HDRLEN && (header->nlmsg_flags & NLM_F_MULTI) != 0 && (flags & MSG_PEEK) == 0;
     if (isPiece && test::interruptDump.exchange(false)) {
         header->nlmsg_flags |= NLM_F_DUMP_INTR;

@@ -32,9 +32,6 @@ inline std::atomic<bool> refuseLargeBuffers{false};
 // Whether libnl fills caches as when the kernel changes meanwhile: it begins again without clearing.
 inline std::atomic<bool> fillTwice{false};
 
-// Whether notifications of removed routes are lost, as of those that a kernel drops silently.
-inline std::atomic<bool> hideRouteRemovals{false};
-
 // Has that done, once, in the middle of the next dump: when the kernel has made its first piece.
 void duringReading(std::function<void()> action);
 

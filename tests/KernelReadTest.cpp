@@ -43,28 +43,6 @@ TEST_F(Start, LogsItsSteps)
                     MatchesRegex("7 \\[DEBUG2\\] RouteSocket.cpp:N \\(~RouteSocket\\) - freeing " + socket)));
 }
 
-// Each stops in the middle of events.
-TEST_F(Start, ThreeThreadsMakeManagersAtOnce)
-{
-    test::TraceLevel const scope(9);
-    auto const descriptors = test::openDescriptors();
-    {
-        auto const make = [] {
-            CacheManager const manager;
-            EXPECT_TRUE(manager.getInterface("v1").isAddedToKernel());
-        };
-        test::Meanwhile const first(make);
-        test::Meanwhile const second(make);
-        test::Meanwhile const third(make);
-        for (int i = 0; i < 10; ++i) {
-            run("for i in 1 2 3 4 5 6 7 8; do echo link set v0 mtu 140$i; echo address add 10.$i.0.1/24 dev v0; "
-                "echo address delete 10.$i.0.1/24 dev v0; done | ip -batch -");
-        }
-    }
-    EXPECT_EQ(descriptors, test::openDescriptors());
-    EXPECT_TRUE(test::lockIsFree());
-}
-
 // Leaves exactly that many descriptors free.
 void leaveDescriptors(int left)
 {

@@ -3,7 +3,6 @@
 #include "MyLock.h"
 #include "NetworkNamespace.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
@@ -40,8 +39,11 @@ int const firstNamespace = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
     if (colon != std::string::npos) {
         text.replace(colon + 5, text.find(' ', colon) - colon - 5, "N");
     }
-    std::lock_guard<std::mutex> const guard(logMutex);
-    lines.emplace_back(std::this_thread::get_id(), text);
+    {
+        std::lock_guard<std::mutex> const guard(logMutex);
+        lines.emplace_back(std::this_thread::get_id(), text);
+    }
+    pthread_testcancel(); // the C library's syslog lets cancellation in, too
 }
 
 } // namespace
@@ -54,7 +56,6 @@ void syslog(int priority, char const* format, ...)
     va_start(arguments, format);
     keep(priority, format, arguments);
     va_end(arguments);
-    pthread_testcancel(); // the C library's lets cancellation in, too
 }
 
 [[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int flag, char const* format, ...); // NOLINT
@@ -64,7 +65,6 @@ void __syslog_chk(int priority, int /*flag*/, char const* format, ...)          
     va_start(arguments, format);
     keep(priority, format, arguments);
     va_end(arguments);
-    pthread_testcancel(); // the C library's lets cancellation in, too
 }
 }
 
@@ -168,31 +168,23 @@ bool eventually(std::function<bool()> const& condition, std::chrono::millisecond
 
 namespace {
 
-// The lines that the command prints, in words.
-std::vector<std::vector<std::string>> readWords(std::string const& command)
-{
-    std::istringstream text(output(command));
-    std::vector<std::vector<std::string>> rows;
-    for (std::string line; std::getline(text, line);) {
-        std::istringstream words(line);
-        rows.emplace_back(std::istream_iterator<std::string>(words), std::istream_iterator<std::string>());
-    }
-    return rows;
-}
-
 using Lines = std::multiset<std::string>; // what is listed twice shows
 
 std::set<std::string> destinations; // that the kernel had at some time
 
-// What `ip -N` prints of a route: table, type of service, metric, gateways.
-std::string routeOfKernel(std::vector<std::string> const& row)
+// From what `ip -N` prints of a route: table, type of service, metric, gateways.
+std::string routeOfKernel(std::string const& line)
 {
+    std::istringstream words(line);
+    std::string last;
+    words >> last;
+    std::string const destination = *destinations.insert(last).first;
     std::map<std::string, std::string> given{{"table", "254"}, {"tos", "0"}, {"metric", "0"}};
-    for (std::size_t i = 0; i + 1 < row.size(); ++i) {
-        given[row[i]] = (row[i] == "via" ? given["via"] + " " : "") + row[i + 1];
+    for (std::string word; words >> word; last = word) {
+        given[last] = (last == "via" ? given["via"] + " " : "") + word;
     }
-    return given["table"] + " " + std::to_string(std::stoi(given["tos"], nullptr, 0)) + " " + given["metric"] +
-           given["via"];
+    return "route to " + destination + ": " + given["table"] + " " +
+           std::to_string(std::stoi(given["tos"], nullptr, 0)) + " " + given["metric"] + given["via"];
 }
 
 std::string routeOf(netlink_route::Route route)
@@ -208,33 +200,17 @@ std::string routeOf(netlink_route::Route route)
     return text;
 }
 
-// The links, an address of each and a route to each destination. Of several it is one that is held, if there is one: which
-// of them a cache has first depends on when they came.
-Lines linesOfKernel(Lines const& held)
+// The links, their addresses and the routes.
+Lines linesOfKernel()
 {
     Lines lines;
-    for (auto const& row : readWords("ip -o link | sed -E 's/^[0-9]+: ([^:@]+)[^<]*<(.*)> mtu ([0-9]+).*"
-                                     " link\\/[a-z]+ ([^ ]*).*/\\1 ,\\2, \\3 \\4/'")) {
-        bool const up = row.at(1).find(",UP,") != std::string::npos;
-        lines.insert(row[0] + (up ? " up " : " down ") + row.at(2) + " " + row.at(3));
-    }
-    std::map<std::string, std::string> chosen;
-    auto const choose = [&](std::string const& what, std::string const& text) {
-        auto const [place, isFirst] = chosen.emplace(what, text);
-        place->second = !isFirst && held.count(what + ": " + text) > 0 ? text : place->second;
-    };
-    for (auto const& row : readWords("ip -4 -o address | sed 's,/32 , ,'")) {
-        choose("address of " + row.at(1), row.at(3));
-    }
-    for (auto const& row : readWords("ip -4 -N -o route show table all")) {
-        bool const hasType = row.at(0) != "default" && row[0].find('.') == std::string::npos;
-        std::string destination = row.at(hasType ? 1 : 0);
-        destination += destination.find('/') == std::string::npos && destination != "default" ? "/32" : "";
-        destinations.insert(destination);
-        choose("route to " + destination, routeOfKernel(row));
-    }
-    for (auto const& [what, text] : chosen) {
-        lines.insert(what + ": " + text);
+    std::istringstream text(
+        output(R"(ip -o link | sed -E 's/<([^>]*,)?UP[,>]/up </; s/: </: down </; )"
+               R"(s/^[0-9]+: ([^:@]+)[^ ]* (up|down) .* mtu ([0-9]+).* link\/[a-z]+ ([^ ]*).*/\1 \2 \3 \4/'; )"
+               R"(ip -4 -o address | sed -E 's,^[0-9]+: ([^ ]+) +inet ([^ ]+).*,address of \1: \2,; s,/32$,,'; )"
+               R"(ip -4 -N -o route show table all | sed -E 's/^[0-9]+ //; s,^([0-9.]+) ,\1/32 ,; s/^/route to /')"));
+    for (std::string line; std::getline(text, line);) {
+        lines.insert(line.compare(0, 9, "route to ") == 0 ? routeOfKernel(line.substr(9)) : line);
     }
     return lines;
 }
@@ -270,28 +246,33 @@ Lines dumpsOf(netlink_route::CacheManager const& manager)
     Lines dumps;
     for (std::string const& name : manager.getListOfInterfaces()) {
         auto const vlan = manager.getVlan(name);
-        dumps.insert(known(manager.getInterface(name).toString()));
-        dumps.insert(known(vlan.toString()) + std::to_string(vlan.getVlanIndex()));
+        dumps.insert(known(manager.getInterface(name).toString()) + known(vlan.toString()) +
+                     std::to_string(vlan.getVlanIndex()));
     }
     return dumps;
 }
 
-// `wanted` is given what is held.
-testing::AssertionResult becomeEqual(std::function<Lines()> const& held,
-                                     std::function<Lines(Lines const&)> const& wanted, std::chrono::milliseconds time)
+// Whether each line that is held is wanted, and of the wanted lines that are the same up to a colon one is held: of several
+// addresses or routes a cache may have any first.
+testing::AssertionResult becomeEqual(std::function<Lines()> const& held, std::function<Lines()> const& wanted,
+                                     std::chrono::milliseconds time)
 {
-    Lines missing;
+    std::map<std::string, std::string> missing;
     Lines wrong;
-    auto const without = [](Lines const& all, Lines const& others) {
-        Lines rest;
-        std::set_difference(all.begin(), all.end(), others.begin(), others.end(), std::inserter(rest, rest.end()));
-        return rest;
-    };
     auto const compare = [&] {
-        Lines const answers = held();
-        Lines const right = wanted(answers);
-        missing = without(right, answers);
-        wrong = without(answers, right);
+        auto const subject = [](std::string const& line) { return line.substr(0, line.find(": ")); };
+        wrong = held();
+        missing.clear();
+        Lines const right = wanted();
+        for (std::string const& line : right) {
+            missing.emplace(subject(line), line);
+        }
+        for (std::string const& line : right) {
+            if (auto const found = wrong.find(line); found != wrong.end()) {
+                missing.erase(subject(line));
+                wrong.erase(found);
+            }
+        }
         return missing.empty() && wrong.empty();
     };
     return eventually(compare, time) ? testing::AssertionSuccess()
@@ -309,7 +290,7 @@ testing::AssertionResult mirrorsKernel(netlink_route::CacheManager const& manage
 testing::AssertionResult answersAsNew(netlink_route::CacheManager const& manager, std::chrono::milliseconds time)
 {
     auto const same = mirrorsKernel(manager, time);
-    auto const dumpsOfNew = [](Lines const& /*held*/) { return dumpsOf(netlink_route::CacheManager()); };
+    auto const dumpsOfNew = [] { return dumpsOf(netlink_route::CacheManager()); };
     return same ? becomeEqual([&] { return dumpsOf(manager); }, dumpsOfNew, time) : same;
 }
 

@@ -41,8 +41,7 @@ std::string output(std::string const& command);
 std::string configuration();
 
 // Whether the condition holds before the time is over.
-bool eventually(std::function<bool()> const& condition,
-                std::chrono::milliseconds time = std::chrono::seconds(5));
+bool eventually(std::function<bool()> const& condition, std::chrono::milliseconds time = std::chrono::seconds(5));
 
 // Repeats something on a thread of its own for as long as it lives.
 class Meanwhile {
