@@ -29,16 +29,17 @@ std::atomic<long> strangers{0};
 std::atomic<long> refusals{0};
 std::string changes; // by `ip`, since the last comparison
 
-unsigned int seed()
+// What the environment says.
+unsigned int setting(char const* name, unsigned int otherwise)
 {
-    char const* const text = std::getenv("SOAK_SEED");
-    return text != nullptr ? static_cast<unsigned int>(std::atol(text)) : 1;
+    char const* const text = std::getenv(name);
+    return text != nullptr ? static_cast<unsigned int>(std::atol(text)) : otherwise;
 }
 
 // A number from 0 to below the limit. One thread draws.
 unsigned int drawBelow(std::size_t limit)
 {
-    static std::mt19937 engine(seed());
+    static std::mt19937 engine(setting("SOAK_SEED", 1));
     return static_cast<unsigned int>(engine() % limit);
 }
 
@@ -245,10 +246,9 @@ bool makeLinks()
 
 TEST_F(Soak, StaysTrueAndSmall)
 {
-    char const* const text = std::getenv("SOAK_SECONDS");
-    std::chrono::seconds const length(text != nullptr ? std::atol(text) : 60);
+    std::chrono::seconds const length(setting("SOAK_SECONDS", 60));
     bool const hasVlans = makeLinks();
-    std::printf("seed %u, %s VLANs\n", seed(), hasVlans ? "with" : "without");
+    std::printf("seed %u, %s VLANs\n", setting("SOAK_SEED", 1), hasVlans ? "with" : "without");
     CacheManager manager;
     Record record(length);
     {

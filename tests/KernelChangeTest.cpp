@@ -14,6 +14,7 @@ using test::eventually;
 using test::ipv4;
 using test::mirrorsKernel;
 using test::output;
+using test::routeTo;
 using test::run;
 using testing::AllOf;
 using testing::ElementsAre;
@@ -23,6 +24,9 @@ using testing::Not;
 
 constexpr int tries = 5;
 std::string const error = "3 [ERROR] CacheManager.cpp:N ";
+std::string const inUpdate = error + "(update) - ";
+std::string const inRemove = error + "(remove) - ";
+std::string const debug1 = "7 [DEBUG1] CacheManager.cpp:N ";
 
 class Addresses : public test::KernelTest {};
 class Links : public test::KernelTest {};
@@ -45,14 +49,6 @@ Interface linkWithIp(std::string const& name, std::string const& ip)
     return wanted;
 }
 
-Route routeTo(std::string const& destination, std::string const& gateway)
-{
-    Route route("test");
-    route.setDestination(ipv4(destination));
-    route.setGateway(ipv4(gateway));
-    return route;
-}
-
 // What a failing operation writes at that trace level.
 std::vector<std::string> linesOf(int level, std::function<bool()> const& operation)
 {
@@ -69,8 +65,8 @@ TEST_F(Addresses, AreAddedAndRemoved)
     std::string const number = std::to_string(index);
     test::TraceLevel const scope(7);
     EXPECT_TRUE(manager.add(ip, index));
-    EXPECT_THAT(test::takeLog(), ElementsAre("7 [DEBUG1] CacheManager.cpp:N (add) - adding address " + ip.toString() +
-                                             " to index " + number + " success!"));
+    EXPECT_THAT(test::takeLog(),
+                ElementsAre(debug1 + "(add) - adding address " + ip.toString() + " to index " + number + " success!"));
     EXPECT_THAT(output("ip address show v0"), HasSubstr("inet 192.168.1.10/24 scope global"));
     EXPECT_THAT(linesOf(7, [&] { return manager.add(ip, index); }),
                 ElementsAre(error + "(add) - failure Object exists when adding address " + ip.toString() +
@@ -78,14 +74,12 @@ TEST_F(Addresses, AreAddedAndRemoved)
     EXPECT_TRUE(manager.remove(ip, index));
     EXPECT_THAT(output("ip address show v0"), Not(HasSubstr("inet 192")));
     EXPECT_THAT(linesOf(7, [&] { return manager.remove(ip, index); }),
-                ElementsAre(error +
-                            "(remove) - delete failed with Invalid address for specified address family for "
-                            "address " +
+                ElementsAre(inRemove + "delete failed with Invalid address for specified address family for address " +
                             ip.toString()));
     EXPECT_THAT(linesOf(8, [&] { return manager.add(ipv4("10.0.0.1/24"), 0); }),
                 ElementsAre(error + "(convertToAddress) - convertToAddress should have a parent different from 0",
                             error + "(add) - add failed of address"));
-    EXPECT_EQ(error + "(remove) - remove failed of address",
+    EXPECT_EQ(inRemove + "remove failed of address",
               linesOf(8, [&] { return manager.remove(ipv4("192.168.1.10"), 1); }).at(1));
     EXPECT_TRUE(mirrorsKernel(manager));
 }
@@ -118,8 +112,8 @@ TEST_F(Links, InterruptedRequestSpoilsNoLaterOne)
 
 TEST_F(Links, ChangesShowInTheNextQuery)
 {
-    run("ip link set v0 up; ip link set v1 up; ip address add 10.0.0.1/24 dev v1; "
-        "for i in $(seq 100); do echo link add a$i type veth peer name b$i; done | ip -batch -");
+    run("ip link set v0 up; ip link set v1 up; ip address add 10.0.0.1/24 dev v1; for i in $(seq 100); do echo link "
+        "add a$i type veth peer name b$i; done | ip -batch -");
     CacheManager manager;
     int const index = manager.getInterface("v0").getIndex();
     test::TraceLevel const scope(3);
@@ -218,14 +212,13 @@ TEST_F(Links, FailuresAreLoggedLineByLine)
     Interface tooSmall = manager.getInterface("v0");
     tooSmall.setMtu(1);
     EXPECT_THAT(linesOf(7, [&] { return manager.update(tooSmall, tries); }),
-                ElementsAre(error + "(update) - update failed with Invalid input data or parameter for device id " +
+                ElementsAre(inUpdate + "update failed with Invalid input data or parameter for device id " +
                             std::to_string(tooSmall.getIndex()) + " and name v0"));
     EXPECT_THAT(linesOf(7, [&] { return manager.update(Interface("new"), tries); }),
-                ElementsAre("7 [DEBUG1] CacheManager.cpp:N (update) - interface with name new was not yet added",
-                            error + "(update) - adding failed with Operation not supported for device id 0 and "
-                                    "name new"));
+                ElementsAre(debug1 + "(update) - interface with name new was not yet added",
+                            inUpdate + "adding failed with Operation not supported for device id 0 and name new"));
     EXPECT_THAT(linesOf(7, [&] { return manager.remove(Interface("new")); }),
-                ElementsAre(error + "(remove) - delete failed with No such device for new"));
+                ElementsAre(inRemove + "delete failed with No such device for new"));
     EXPECT_THAT(linesOf(9, [&] { return manager.remove(Interface("")); }), IsEmpty());
     EXPECT_EQ(before, test::configuration()); // refusals change nothing
 
@@ -234,17 +227,16 @@ TEST_F(Links, FailuresAreLoggedLineByLine)
     std::string const found = "(update) - last found Interface " + manager.getInterface("v0").toString();
     for (int const count : {0, 2}) {
         int const sleeps = test::sleeps;
-        EXPECT_THAT(
-            linesOf(7, [&] { return manager.update(other, count); }),
-            ElementsAre(error + "(update) - update failed because expected interface not found", error + found));
+        EXPECT_THAT(linesOf(7, [&] { return manager.update(other, count); }),
+                    ElementsAre(inUpdate + "update failed because expected interface not found", error + found));
         EXPECT_EQ(sleeps + count, test::sleeps);
     }
 
     Interface wanted = linkWithIp("v0", "10.0.0.1/24"); // two addresses never pass the verification
     wanted.addIp(ipv4("10.1.0.1/24"), false);
     auto const lines = linesOf(3, [&] { return manager.update(wanted, 1); });
-    EXPECT_THAT(lines, ElementsAre(error + "(update) - update failed because expected ips not found",
-                                   error + "(update) - last found interface " + manager.getInterface("v0").toString()));
+    EXPECT_THAT(lines, ElementsAre(inUpdate + "update failed because expected ips not found",
+                                   inUpdate + "last found interface " + manager.getInterface("v0").toString()));
     EXPECT_THAT(output("ip address show v0"), HasSubstr("inet 10.1.0.1/24"));
 
     int const sleeps = test::sleeps; // without verification nothing waits, and all is done
@@ -264,11 +256,10 @@ TEST_F(Links, FailedAllocationsAreFailuresOfTheOperation)
     EXPECT_FALSE(manager.update(route, tries) || manager.remove(route));
     test::failAllocations(0);
     EXPECT_THAT(test::takeLog(),
-                ElementsAre(error + "(update) - update failed with Out of memory for device id 0 and name v0",
-                            error + "(remove) - delete failed with Out of memory for v0",
-                            error + "(update) - add failed with Out of memory",
-                            error + "(update) - for route " + route.toString(),
-                            error + "(remove) - delete failed with Out of memory for route test"));
+                ElementsAre(inUpdate + "update failed with Out of memory for device id 0 and name v0",
+                            inRemove + "delete failed with Out of memory for v0",
+                            inUpdate + "add failed with Out of memory", inUpdate + "for route " + route.toString(),
+                            inRemove + "delete failed with Out of memory for route test"));
 }
 
 TEST_F(Links, NamesOfAnyKindReachNoOtherLink)
@@ -284,11 +275,11 @@ TEST_F(Links, NamesOfAnyKindReachNoOtherLink)
         EXPECT_FALSE(manager.getInterface(name).isAddedToKernel() || manager.getVlan(name).isAddedToKernel());
         bool const sent = name.size() == 2 || name.size() == 4; // and refused, as it has no kind
         EXPECT_THAT(linesOf(3, [&] { return manager.update(wanted, tries); }),
-                    ElementsAre(error + "(update) - adding failed with " +
+                    ElementsAre(inUpdate + "adding failed with " +
                                 (sent ? "Operation not supported" : "Invalid input data or parameter") +
                                 " for device id 0 and name " + shown));
         EXPECT_THAT(linesOf(3, [&] { return manager.update(Vlan(name + ".7"), tries); }),
-                    ElementsAre(error + "(update) - cannot add vlan because parent does not exist yet!"));
+                    ElementsAre(inUpdate + "cannot add vlan because parent does not exist yet!"));
         EXPECT_EQ(name.empty() ? 0U : 1U, linesOf(3, [&] { return manager.remove(wanted); }).size());
     }
     EXPECT_EQ(before, test::configuration());
@@ -325,18 +316,18 @@ TEST_F(Vlans, NeedAParent)
     CacheManager manager;
     Vlan up("v0.100.7");
     up.setUp();
-    std::string const missing = error + "(update) - cannot add vlan because parent does not exist yet!";
+    std::string const missing = inUpdate + "cannot add vlan because parent does not exist yet!";
     for (auto const& [vlan, line] : {std::pair(Vlan("v0"), std::string()),
                                      {Vlan("none.100"), missing},
                                      {Vlan(".100"), missing},
-                                     {up, error + "(update) - trying to add and activate vlan but parent is down!"}}) {
+                                     {up, inUpdate + "trying to add and activate vlan but parent is down!"}}) {
         auto const lines = linesOf(8, [&, &wanted = vlan] { return manager.update(wanted, tries); });
         EXPECT_EQ("7 [DEBUG2] CacheManager.cpp:N (update) - update start with vlan " + vlan.toString(), lines[0]);
         EXPECT_EQ(line, lines.size() > 1 ? lines.back() : "");
     }
     std::string const removing = "6 [INFO] CacheManager.cpp:N (remove) - removing vlan ";
     EXPECT_THAT(linesOf(6, [&] { return manager.remove(Vlan("none.7")); }),
-                ElementsAre(removing + "none.7", error + "(remove) - delete failed with No such device for none.7"));
+                ElementsAre(removing + "none.7", inRemove + "delete failed with No such device for none.7"));
 }
 
 TEST_F(Vlans, AreMadeChangedAndRemoved)
@@ -383,11 +374,10 @@ TEST_F(Vlans, FailuresAreLoggedLineByLine)
     }
     run("ip link set v0 up");
     CacheManager manager;
-    std::string const debug1 = "7 [DEBUG1] CacheManager.cpp:N (update) - ";
-    EXPECT_THAT(linesOf(7, [&] { return manager.update(Vlan("v0.5000"), tries); }),
-                ElementsAre(debug1 + "vlan with name v0.5000 was not yet added",
-                            error + "(update) - adding failed with Input data out of range for device id 5000 and "
-                                    "name v0.5000"));
+    EXPECT_THAT(
+        linesOf(7, [&] { return manager.update(Vlan("v0.5000"), tries); }),
+        ElementsAre(debug1 + "(update) - vlan with name v0.5000 was not yet added",
+                    inUpdate + "adding failed with Input data out of range for device id 5000 and name v0.5000"));
     Vlan vlan("v0.7");
     auto const linesFor = [&](int level, int count) {
         return linesOf(level, [&] { return manager.update(vlan, count); });
@@ -397,26 +387,24 @@ TEST_F(Vlans, FailuresAreLoggedLineByLine)
     std::string const index = std::to_string(manager.getVlan("v0.7").getIndex());
     vlan.setIndex(std::stoi(index));
     vlan.setMtu(9000); // more than its parent's
-    EXPECT_THAT(linesFor(7, tries), ElementsAre(error +
-                                                "(update) - update failed with Input data out of range for "
-                                                "device id " +
+    EXPECT_THAT(linesFor(7, tries), ElementsAre(inUpdate + "update failed with Input data out of range for device id " +
                                                 index + " and name v0.7"));
     vlan.setMtu(1300);
     vlan.setVlanIndex(8); // an existing VLAN keeps its id
     EXPECT_THAT(linesFor(7, 1),
-                ElementsAre(error + "(update) - update failed because expected vlan not found",
-                            testing::StartsWith(error + "(update) - last found vlan name index           v0.7")));
+                ElementsAre(inUpdate + "update failed because expected vlan not found",
+                            testing::StartsWith(inUpdate + "last found vlan name index           v0.7")));
     vlan.setVlanIndex(7);
     vlan.addIp(ipv4("10.0.0.1/24"), false);
     vlan.addIp(ipv4("10.0.1.1/24"), false);
     ASSERT_TRUE(mirrorsKernel(manager));
     auto lines = linesFor(7, 1);
-    std::string const found = error + "(update) - last found vlan " + manager.getVlan("v0.7").toString();
-    EXPECT_THAT(lines, testing::IsSupersetOf({debug1 + "vlan test2 has index id " + index, found,
-                                              error + "(update) - update failed because expected ips not found"}));
+    std::string const found = inUpdate + "last found vlan " + manager.getVlan("v0.7").toString();
+    EXPECT_THAT(lines, testing::IsSupersetOf({debug1 + "(update) - vlan test2 has index id " + index, found,
+                                              inUpdate + "update failed because expected ips not found"}));
     int const sleeps = test::sleeps;
     lines = linesFor(3, 0);
-    EXPECT_EQ(error + "(update) - last found vlan " + manager.getVlan("v0.7").toString(), lines.back());
+    EXPECT_EQ(inUpdate + "last found vlan " + manager.getVlan("v0.7").toString(), lines.back());
     EXPECT_TRUE(manager.update(vlan, -1));
     EXPECT_EQ(sleeps, test::sleeps);
 }
@@ -489,10 +477,10 @@ TEST_F(Routes, RefusalsReturnAtOnce)
     int const sleeps = test::sleeps;
     EXPECT_THAT(linesOf(8, [&] { return manager.update(empty, 7); }),
                 testing::IsSupersetOf({"7 [DEBUG2] CacheManager.cpp:N (update) - updating route " + empty.toString(),
-                                       error + "(update) - add failed with Missing attribute",
-                                       error + "(update) - for route " + empty.toString()}));
+                                       inUpdate + "add failed with Missing attribute",
+                                       inUpdate + "for route " + empty.toString()}));
     EXPECT_THAT(linesOf(3, [&] { return manager.remove(empty); }),
-                ElementsAre(error + "(remove) - delete failed with Missing attribute for route nothing"));
+                ElementsAre(inRemove + "delete failed with Missing attribute for route nothing"));
     EXPECT_FALSE(manager.update(unreachable, 7) || manager.remove(unreachable));
     EXPECT_EQ(sleeps, test::sleeps);
     EXPECT_EQ(before, test::configuration());

@@ -38,6 +38,11 @@ protected:
     void TearDown() override { EXPECT_EQ(0, test::unlockedChanges); }
 };
 
+std::string batch(int count, std::string const& lines)
+{
+    return "(for i in $(seq " + std::to_string(count) + "); do " + lines + "; done) | ip -batch -; ";
+}
+
 // Static and multipath routes that depend on v0 and its address, and one that w0 sends from it.
 void addRoutes()
 {
@@ -77,9 +82,8 @@ TEST_F(Mirror, OwnChangesWaitForReadings)
 TEST_F(Mirror, OfEqualRoutesTheKernelsFirstIsShown)
 {
     std::string const to = "10.6.0.0/16";
-    run("ip route append " + to + " via 10.0.0.3; ip route append " + to +
-        " via 10.1.0.2; for i in $(seq 100); do "
-        "echo route add 10.7.$i.0/24 dev w0; done | ip -batch -"); // for the sort of a reading
+    run("ip route append " + to + " via 10.0.0.3; ip route append " + to + " via 10.1.0.2; " +
+        batch(100, "echo route add 10.7.$i.0/24 dev w0")); // for the sort of a reading
     CacheManager const manager;
     run("ip route prepend " + to + " via 10.0.0.2");
     EXPECT_TRUE(eventually([&] { return gatewayOf(manager, to) == "10.0.0.2/32"; }));
@@ -244,11 +248,6 @@ TEST_P(Reading, IsOfWhatAChangeMayHaveDropped)
     EXPECT_THAT(sent + test::takeRequests(), MatchesRegex(GetParam().requests));
 }
 
-std::string batch(int count, std::string const& lines)
-{
-    return "(for i in $(seq " + std::to_string(count) + "); do " + lines + "; done) | ip -batch -; ";
-}
-
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Mirror, Reading, testing::Values(
     Change{"NewLinks", "", batch(20, "echo link add a$i type veth peer name b$i"), ""},
@@ -317,7 +316,7 @@ void shrinkReceiveBuffers()
 
 TEST_F(Mirror, StopsInTheMiddleOfAPassOrAReading)
 {
-    std::string const storm = "for i in $(seq 300 600); do echo link set v0 mtu 1$i; done | ip -batch -";
+    std::string const storm = batch(300, "echo link set v0 mtu $((1300 + i))");
     auto manager = std::make_unique<CacheManager>();
     std::thread stopping;
     long const applied = test::objectsApplied;
@@ -380,10 +379,9 @@ TEST_F(Mirror, FloodOfRoutesKeepsNoQueryWaiting)
         test::TraceLevel const scope(9);
         {
             MyLock const lock("test"); // hundreds are queued
-            run("for i in $(seq 0 499); do echo route add " + std::string(net) +
-                "$((i / 250)).$((i % 250)).0/24 via 10.0.0.2; done | ip -batch -");
+            run(batch(500, "echo route add " + std::string(net) + "$((i / 250)).$((i % 250)).0/24 via 10.0.0.2"));
         }
-        EXPECT_TRUE(eventually([&] { return holds(manager, net + std::string("1.249.0/24")); }, 60s));
+        EXPECT_TRUE(eventually([&] { return holds(manager, net + std::string("2.0.0/24")); }, 60s));
         for (std::thread& query : queries) {
             query.join();
         }
@@ -407,13 +405,12 @@ TEST_F(Mirror, ReceiveBufferHoldsAFlood)
         CacheManager const manager;
         test::TraceLevel const scope(3);
         std::string const net = refused ? "20." : "21.";
+        int const count = refused || !isRoot ? 250 : 5000;
         {
             MyLock const lock("test");
-            run("for i in $(seq 0 " + std::string(refused || !isRoot ? "249" : "4999") + "); do echo route add " + net +
-                "$((i / 250)).$((i % 250)).0/24 dev v0; done | ip -batch -");
+            run(batch(count, "echo route add " + net + "$((i / 250)).$((i % 250)).0/24 dev v0"));
         }
-        EXPECT_TRUE(
-            eventually([&] { return holds(manager, net + (refused || !isRoot ? "0" : "19") + ".249.0/24"); }, 20s));
+        EXPECT_TRUE(eventually([&] { return holds(manager, net + std::to_string(count / 250) + ".0.0/24"); }, 20s));
         EXPECT_THAT(test::takeLogOfOthers(), IsEmpty());
     }
     test::refuseLargeBuffers = false;

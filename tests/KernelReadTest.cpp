@@ -60,9 +60,7 @@ TEST_F(Start, WithFewDescriptorsIsCrippledAtMost)
     run("ip address add 10.0.0.1/24 dev v0; ip link set v0 up; ip route add 10.8.0.0/24 via 10.0.0.2");
     Interface wanted("v0");
     wanted.setUp();
-    Route route("r");
-    route.setDestination(ipv4("10.9.0.0/24"));
-    route.setGateway(ipv4("10.0.0.2/32"));
+    Route const route = test::routeTo("10.9.0.0/24", "10.0.0.2/32");
     std::string const before = test::configuration();
     for (int left = 12; left >= 0; --left) {
         leaveDescriptors(left);
@@ -156,9 +154,7 @@ TEST_F(Start, CallersAreCancelledInPausesAlone)
         EXPECT_TRUE(manager.getVlan("v0").isAddedToKernel() && !manager.getListOfInterfaces().empty());
         EXPECT_TRUE(manager.add(ipv4("10.8.0.1/24"), 1) && manager.remove(ipv4("10.8.0.1/24"), 1));
         EXPECT_EQ("", manager.getRoute(ipv4("10.9.0.0/24")).getName());
-        Route route("r");
-        route.setDestination(ipv4("10.9.0.0/24"));
-        route.setGateway(ipv4("10.0.0.2/32"));
+        Route const route = test::routeTo("10.9.0.0/24", "10.0.0.2/32");
         EXPECT_TRUE(manager.update(Interface("v1"), -1) && manager.update(route, 0));
         EXPECT_FALSE(manager.remove(Vlan("v0.7")) || manager.update(Vlan("v0.7"), 0));
         done += "changed ";

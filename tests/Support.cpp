@@ -135,6 +135,13 @@ netlink_route::Route routeWithEveryField()
     return route;
 }
 
+netlink_route::Route routeTo(std::string const& destination, std::string const& gateway)
+{
+    netlink_route::Route route("test");
+    EXPECT_TRUE(route.setDestination(ipv4(destination)) && route.setGateway(ipv4(gateway)));
+    return route;
+}
+
 std::string output(std::string const& command)
 {
     std::string text;

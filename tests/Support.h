@@ -81,6 +81,7 @@ testing::AssertionResult answersAsNew(netlink_route::CacheManager const& manager
 // A link and a route with every field set, each to a value of its own.
 netlink_route::Interface linkWithEveryField(std::string const& name);
 netlink_route::Route routeWithEveryField();
+netlink_route::Route routeTo(std::string const& destination, std::string const& gateway);
 
 inline netlink_route::Address ipv4(std::string const& text) { return {text, netlink_route::Address::IPV4}; }
 
