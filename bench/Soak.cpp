@@ -223,7 +223,7 @@ public:
                     differences, strangers.load(), refusals.load(), size - warmSize,
                     isLong ? "" : " (not judged: the run was short)");
         EXPECT_EQ(0, differences + strangers + refusals);
-        EXPECT_TRUE(!isLong || (size - warmSize) * 60 < 64 * 2 * warm.count()); // KiB a minute
+        EXPECT_TRUE(!isLong || (size - warmSize) * 60 < 256L * warm.count()); // 128 KiB a minute
         EXPECT_EQ(descriptors, test::openDescriptors());
     }
 
