@@ -6,7 +6,6 @@
 #include <array>
 #include <cerrno>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <mutex>
@@ -17,9 +16,7 @@
 #include <netlink/route/nexthop.h>
 #include <netlink/route/route.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -259,30 +256,6 @@ void notify(int group, std::vector<char> message)
     EXPECT_EQ(static_cast<ssize_t>(message.size()), sendto(descriptor, message.data(), message.size(), 0,
                                                            reinterpret_cast<sockaddr*>(&members), sizeof members));
     close(descriptor);
-}
-
-OtherNamespace::OtherNamespace()
-{
-    std::thread([this] {
-        EXPECT_EQ(0, unshare(CLONE_NEWNET));
-        descriptor = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    }).join();
-    run("ip link set lo up");
-}
-
-OtherNamespace::~OtherNamespace() { close(descriptor); }
-
-std::string OtherNamespace::path() const
-{
-    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(descriptor);
-}
-
-void OtherNamespace::run(std::string const& command) const
-{
-    std::thread([&] {
-        EXPECT_EQ(0, setns(descriptor, CLONE_NEWNET));
-        test::run(command);
-    }).join();
 }
 
 } // namespace test

@@ -63,18 +63,4 @@ std::string lastLinkRequest();
 // Sends a message to the members of a group, as if the kernel had notified it.
 void notify(int group, std::vector<char> message);
 
-// A network namespace beside the one of the test, where commands can be run: ip("link set x netns " + path()).
-class OtherNamespace {
-public:
-    OtherNamespace();
-    ~OtherNamespace();
-    OtherNamespace(OtherNamespace const&) = delete;
-    OtherNamespace& operator=(OtherNamespace const&) = delete;
-    std::string path() const;
-    void run(std::string const& command) const;
-
-private:
-    int descriptor = -1;
-};
-
 } // namespace test
