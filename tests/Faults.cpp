@@ -120,8 +120,9 @@ ssize_t recvmsg(int descriptor, msghdr* message, int flags)
     ssize_t const size = next<decltype(recvmsg)>("recvmsg")(descriptor, message, flags);
     auto* const header = static_cast<nlmsghdr*>(message->msg_iov[0].iov_base);
     bool const isPiece = size >= NLMSG_HDRLEN && (header->nlmsg_flags & NLM_F_MULTI) != 0 && (flags & MSG_PEEK) == 0;
-    if (isPiece && test::interruptDump.exchange(false)) {
+    if (isPiece && header->nlmsg_type == test::interruptedDump) {
         header->nlmsg_flags |= NLM_F_DUMP_INTR;
+        test::interruptedDump = 0;
     }
     return size;
 }
@@ -172,22 +173,6 @@ int nl_cache_alloc_name(char const* kind, nl_cache** cache)
 {
     isAlone = true;
     return next<decltype(nl_cache_alloc_name)>("nl_cache_alloc_name")(kind, cache);
-}
-
-int nl_cache_refill(nl_sock* socket, nl_cache* cache)
-{
-    auto* const fill = next<decltype(nl_cache_refill)>("nl_cache_refill");
-    int const result = fill(socket, cache);
-    if (!test::fillTwice || result < 0) {
-        return result;
-    }
-    nl_cache* const again = nl_cache_alloc(nl_cache_get_ops(cache));
-    fill(socket, again);
-    for (nl_object* object = nl_cache_get_first(again); object != nullptr; object = nl_cache_get_next(object)) {
-        nl_cache_add(cache, object); // refused where the cache knows that it has it
-    }
-    nl_cache_free(again);
-    return result;
 }
 
 int nl_cache_move(nl_cache* cache, nl_object* object)

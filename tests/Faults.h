@@ -14,8 +14,8 @@ namespace test {
 // stays in the socket, and the one after it is not sent and says nothing.
 inline std::atomic<int> failingRequests{0};
 
-// The next answer says that the tables changed while the kernel made it.
-inline std::atomic<bool> interruptDump{false};
+// The next dump with messages of that type says that the tables changed while the kernel made it. 0: none.
+inline std::atomic<int> interruptedDump{0};
 
 // Whether no thread can be started.
 inline std::atomic<bool> threadFails{false};
@@ -28,9 +28,6 @@ inline std::atomic<bool> signalEndsSleep{false};
 
 // Whether the kernel refuses receive buffers beyond the host's limit, as without CAP_NET_ADMIN.
 inline std::atomic<bool> refuseLargeBuffers{false};
-
-// Whether libnl fills caches as when the kernel changes meanwhile: it begins again without clearing.
-inline std::atomic<bool> fillTwice{false};
 
 // Has that done, once, in the middle of the next dump: when the kernel has made its first piece.
 void duringReading(std::function<void()> action);
