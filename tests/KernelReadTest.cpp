@@ -278,21 +278,5 @@ TEST_F(Queries, TellWhatIsNotThere)
                             "3 [ERROR] CacheManager.cpp:N (getRoute) - destination not set correct for finding route"));
 }
 
-TEST_F(Queries, ReadALinkWithItsFirstIpv4Address)
-{
-    run("ip link add q0 mtu 1400 numtxqueues 3 numrxqueues 2 type veth peer name q1; ip address add 10.0.0.1/8 dev q0; "
-        "ip address add 10.0.0.2/8 dev q0; ip -6 address add fe80::1/64 dev v1 || true");
-    CacheManager const manager;
-    Interface const link = manager.getInterface("q0");
-    EXPECT_EQ(std::stoi(test::output("ip -o link show q0")), link.getIndex());
-    EXPECT_EQ(3U, link.getNbrTxQueues());
-    EXPECT_GE(2U, link.getNbrRxQueues()); // a kernel without RPS tells none
-    EXPECT_EQ(1400U, link.getMtu());
-    ASSERT_EQ(1U, link.getIps().size());
-    EXPECT_EQ("10.0.0.1/8", link.getIps()[0].getAddress());
-    EXPECT_EQ(link.toString(), manager.getVlan("q0").Interface::toString());
-    EXPECT_TRUE(manager.getInterface("v1").getIps().empty());
-}
-
 } // namespace
 } // namespace netlink_route

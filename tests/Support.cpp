@@ -7,13 +7,11 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
 #include <mutex>
-#include <sched.h>
 #include <set>
 #include <sstream>
 #include <syslog.h>
@@ -25,7 +23,6 @@ namespace {
 
 std::mutex logMutex;
 std::vector<std::pair<std::thread::id, std::string>> lines;
-int const firstNamespace = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
 
 [[gnu::format(printf, 2, 0)]] void keep(int priority, char const* format, va_list arguments)
 {
@@ -229,7 +226,7 @@ Lines linesOf(netlink_route::CacheManager const& manager)
         auto const link = manager.getInterface(name);
         lines.insert(name + (link.isUp() ? " up " : " down ") + std::to_string(link.getMtu()) + " " +
                      link.getMac().getAddress());
-        for (auto const& ip : link.getIps()) {
+        for (auto const& ip : manager.getVlan(name).getIps()) {
             lines.insert("address of " + name + ": " + ip.getAddress());
         }
     }
@@ -321,13 +318,5 @@ void KernelTest::SetUp()
     ASSERT_TRUE(enterNewNetwork()) << "this user may make neither network nor user namespaces";
     run("ip link add v0 type veth peer name v1");
 }
-
-std::string testNic()
-{
-    char const* const name = std::getenv("NETLINK_ROUTE_TEST_NIC");
-    return name != nullptr ? name : "";
-}
-
-void enterFirstNamespace() { ASSERT_EQ(0, setns(firstNamespace, CLONE_NEWNET)); }
 
 } // namespace test

@@ -94,10 +94,4 @@ protected:
     void SetUp() override;
 };
 
-// The name of an ordinary NIC that the tests may change, or "".
-std::string testNic();
-
-// Goes back to the namespace in which the test program was started.
-void enterFirstNamespace();
-
 } // namespace test
