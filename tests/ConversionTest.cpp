@@ -13,8 +13,8 @@
 namespace netlink_route {
 namespace {
 
-using test::ipv4;
-using testing::ElementsAre;
+using namespace test;
+using namespace testing;
 using namespace std::string_literals;
 
 std::string const prefix = "CacheManager.cpp:N ";
@@ -34,8 +34,7 @@ TEST(Conversion, AddressesThatConvert)
         EXPECT_EQ(expected, read(NlAddrPtr(CacheManager::convertToAddress(address)).get()));
     }
     for (char const* const word : {"default", "DEFAULT", "none"}) { // later versions of libnl give it bytes
-        EXPECT_THAT(read(NlAddrPtr(CacheManager::convertToAddress(ipv4(word))).get()),
-                    testing::AnyOf("3 none", "3 0.0.0.0/0"));
+        EXPECT_THAT(read(NlAddrPtr(CacheManager::convertToAddress(ipv4(word))).get()), AnyOf("3 none", "3 0.0.0.0/0"));
     }
     EXPECT_EQ("1 ::", read(NlAddrPtr(nl_addr_build(AF_INET6, std::array<char, 16>{}.data(), 16)).get()));
 }
@@ -81,7 +80,7 @@ TEST(Conversion, UnsetFieldsAreNotSent)
     {
         types.push_back(nla_type(attribute));
     }
-    EXPECT_THAT(types, testing::UnorderedElementsAre(IFLA_IFNAME, IFLA_LINKMODE));
+    EXPECT_THAT(types, UnorderedElementsAre(IFLA_IFNAME, IFLA_LINKMODE));
     auto const* const info = static_cast<ifinfomsg const*>(nlmsg_data(nlmsg_hdr(message)));
     EXPECT_EQ(0U, info->ifi_flags & IFF_UP); // down is always sent
     EXPECT_EQ(static_cast<unsigned int>(IFF_UP), info->ifi_change);
@@ -131,7 +130,7 @@ TEST(Conversion, NullPointersAndFailedAllocationsGiveNothing)
     EXPECT_EQ("a", CacheManager::generateFromLink("a", nullptr).getName());
     EXPECT_EQ(-NLE_OPNOTSUPP, CacheManager::generateFromLinkVlan("a", nullptr).getVlanIndex());
     auto const lines = test::takeLog();
-    EXPECT_THAT(lines, testing::AllOf(testing::SizeIs(5), testing::Each(testing::EndsWith(" - null pointer!"))));
+    EXPECT_THAT(lines, AllOf(SizeIs(5), Each(EndsWith(" - null pointer!"))));
     EXPECT_EQ("3 [ERROR] " + prefix + "(generateFromAddress) - null pointer!", lines[0]);
     for (int const first : {1, 2, 3}) { // the route, its gateway, its hop
         test::failAllocations(first);

@@ -13,17 +13,8 @@
 namespace netlink_route {
 namespace {
 
-using test::eventually;
-using test::ipv4;
-using test::mirrorsKernel;
-using test::output;
-using test::routeTo;
-using test::run;
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
+using namespace test;
+using namespace testing;
 
 constexpr int tries = 5;
 std::string const error = "3 [ERROR] CacheManager.cpp:N ";
@@ -31,10 +22,10 @@ std::string const inUpdate = error + "(update) - ";
 std::string const inRemove = error + "(remove) - ";
 std::string const debug1 = "7 [DEBUG1] CacheManager.cpp:N ";
 
-class Addresses : public test::KernelTest {};
-class Links : public test::KernelTest {};
-class Vlans : public test::KernelTest {};
-class Routes : public test::KernelTest {};
+class Addresses : public KernelTest {};
+class Links : public KernelTest {};
+class Vlans : public KernelTest {};
+class Routes : public KernelTest {};
 
 // Whether the kernel of this machine can make links of that kind.
 bool hasKind(std::string const& options)
@@ -395,17 +386,16 @@ TEST_F(Vlans, FailuresAreLoggedLineByLine)
                                                 index + " and name v0.7"));
     vlan.setMtu(1300);
     vlan.setVlanIndex(8); // an existing VLAN keeps its id
-    EXPECT_THAT(linesFor(7, 1),
-                ElementsAre(inUpdate + "update failed because expected vlan not found",
-                            testing::StartsWith(inUpdate + "last found vlan name index           v0.7")));
+    EXPECT_THAT(linesFor(7, 1), ElementsAre(inUpdate + "update failed because expected vlan not found",
+                                            StartsWith(inUpdate + "last found vlan name index           v0.7")));
     vlan.setVlanIndex(7);
     vlan.addIp(ipv4("10.0.0.1/24"), false);
     vlan.addIp(ipv4("10.0.1.1/24"), false);
     ASSERT_TRUE(mirrorsKernel(manager));
     auto lines = linesFor(7, 1);
     std::string const found = inUpdate + "last found vlan " + manager.getVlan("v0.7").toString();
-    EXPECT_THAT(lines, testing::IsSupersetOf({debug1 + "(update) - vlan test2 has index id " + index, found,
-                                              inUpdate + "update failed because expected ips not found"}));
+    EXPECT_THAT(lines, IsSupersetOf({debug1 + "(update) - vlan test2 has index id " + index, found,
+                                     inUpdate + "update failed because expected ips not found"}));
     int const sleeps = test::sleeps;
     lines = linesFor(3, 0);
     EXPECT_EQ(inUpdate + "last found vlan " + manager.getVlan("v0.7").toString(), lines.back());
@@ -479,10 +469,10 @@ TEST_F(Routes, RefusalsReturnAtOnce)
     Route const empty("nothing");
     Route const unreachable = routeTo("10.1.0.0/16", "172.16.0.1/32");
     int const sleeps = test::sleeps;
-    EXPECT_THAT(linesOf(8, [&] { return manager.update(empty, 7); }),
-                testing::IsSupersetOf({"7 [DEBUG2] CacheManager.cpp:N (update) - updating route " + empty.toString(),
-                                       inUpdate + "add failed with Missing attribute",
-                                       inUpdate + "for route " + empty.toString()}));
+    EXPECT_THAT(
+        linesOf(8, [&] { return manager.update(empty, 7); }),
+        IsSupersetOf({"7 [DEBUG2] CacheManager.cpp:N (update) - updating route " + empty.toString(),
+                      inUpdate + "add failed with Missing attribute", inUpdate + "for route " + empty.toString()}));
     EXPECT_THAT(linesOf(3, [&] { return manager.remove(empty); }),
                 ElementsAre(inRemove + "delete failed with Missing attribute for route nothing"));
     EXPECT_FALSE(manager.update(unreachable, 7) || manager.remove(unreachable));

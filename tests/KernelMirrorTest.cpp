@@ -17,16 +17,11 @@
 namespace netlink_route {
 namespace {
 
-using test::eventually;
-using test::ipv4;
-using test::mirrorsKernel;
-using test::run;
-using testing::Each;
-using testing::IsEmpty;
-using testing::MatchesRegex;
+using namespace test;
+using namespace testing;
 using namespace std::chrono_literals;
 
-class Mirror : public test::KernelTest {
+class Mirror : public KernelTest {
 protected:
     void SetUp() override
     {
@@ -61,7 +56,7 @@ std::string gatewayOf(CacheManager const& manager, std::string const& destinatio
     return manager.getRoute(ipv4(destination)).getGateway().getAddress();
 }
 
-bool hasNexthopObjects() { return test::output("ip nexthop show 2>/dev/null && echo yes || true") == "yes\n"; }
+bool hasNexthopObjects() { return output("ip nexthop show 2>/dev/null && echo yes || true") == "yes\n"; }
 
 // Who makes a change waits for what follows from it, however long that takes.
 TEST_F(Mirror, OwnChangesWaitForReadings)
@@ -111,7 +106,7 @@ TEST_F(Mirror, NexthopObjectsTakeTheirRoutesAway)
     for (int const round : {0, 1, 2}) { // at first routes have no hops, at last the object itself is deleted
         run("sysctl -qw net.ipv4.nexthop_compat_mode=" + std::string(round == 0 ? "0" : "1"));
         run("ip link set v1 up");
-        ASSERT_TRUE(eventually([] { return test::output("ip link show v0").find("LOWER_UP") != std::string::npos; }));
+        ASSERT_TRUE(eventually([] { return output("ip link show v0").find("LOWER_UP") != std::string::npos; }));
         addRoute();
         ASSERT_TRUE(eventually([&] { return holds(manager, "10.6.0.0/16"); }));
         run(round == 2 ? "ip nexthop delete id 1" : "ip link set v1 down"); // v0's carrier is lost
@@ -205,7 +200,7 @@ TEST_F(Mirror, QueueingDisciplineIsFollowed)
 
 TEST_F(Mirror, StartReadsEachTableOnceAndSleeps)
 {
-    ASSERT_TRUE(eventually([] { return test::output("ip link | grep 'state UP' | wc -l") == "4\n"; }, 5s));
+    ASSERT_TRUE(eventually([] { return output("ip link | grep 'state UP' | wc -l") == "4\n"; }, 5s));
     auto const descriptors = test::openDescriptors();
     test::takeRequests();
     {
@@ -230,7 +225,7 @@ std::string const downLink = "echo link set a$i down";
 
 void PrintTo(Change const& change, std::ostream* out) { *out << change.name; }
 
-class Reading : public Mirror, public testing::WithParamInterface<Change> {};
+class Reading : public Mirror, public WithParamInterface<Change> {};
 
 // And no poll has a timeout: tables as small as these are read at once.
 TEST_P(Reading, IsOfWhatAChangeMayHaveDropped)
@@ -253,7 +248,7 @@ TEST_P(Reading, IsOfWhatAChangeMayHaveDropped)
 }
 
 // clang-format off
-INSTANTIATE_TEST_SUITE_P(Mirror, Reading, testing::Values(
+INSTANTIATE_TEST_SUITE_P(Mirror, Reading, Values(
     Change{"NewLinks", "", batch(20, "echo link add a$i type veth peer name b$i"), ""},
     Change{"NewLinkWithRoute", "", "ip link add n0 type veth peer name n1; ip link set n0 up mtu 1300; ip address add "
            "10.7.0.1/24 dev n0; ip link set n1 up alias x; ip route add 10.8.0.0/16 dev n0", ""},
@@ -286,7 +281,7 @@ TEST_F(Mirror, UpdatesReadNothing)
     EXPECT_THAT(test::takeRequests(), MatchesRegex("w*"));
     wanted.setDown();
     EXPECT_TRUE(manager.update(wanted, 5));
-    EXPECT_THAT(test::takeRequests(), testing::HasSubstr("l"));
+    EXPECT_THAT(test::takeRequests(), HasSubstr("l"));
 }
 
 TEST_F(Mirror, ReadingThatFailsIsRepeated)

@@ -15,22 +15,18 @@
 namespace netlink_route {
 namespace {
 
-using test::eventually;
-using test::ipv4;
-using test::mirrorsKernel;
-using test::run;
-using testing::ElementsAre;
-using testing::MatchesRegex;
+using namespace test;
+using namespace testing;
 
-class Start : public test::KernelTest {};
-class Queries : public test::KernelTest {};
+class Start : public KernelTest {};
+class Queries : public KernelTest {};
 
 TEST_F(Start, LogsItsSteps)
 {
     test::TraceLevel const scope(8);
     {
         CacheManager const manager;
-        EXPECT_THAT(manager.getListOfInterfaces(), testing::UnorderedElementsAre("lo", "v0", "v1"));
+        EXPECT_THAT(manager.getListOfInterfaces(), UnorderedElementsAre("lo", "v0", "v1"));
     }
     std::string const socket = "socket with fs [0-9]+ and nl_pid -?[0-9]+ ";
     std::string const start = "CacheManager.cpp:N \\(CacheManager\\) - ";
@@ -60,7 +56,7 @@ TEST_F(Start, WithFewDescriptorsIsCrippledAtMost)
     run("ip address add 10.0.0.1/24 dev v0; ip link set v0 up; ip route add 10.8.0.0/24 via 10.0.0.2");
     Interface wanted("v0");
     wanted.setUp();
-    Route const route = test::routeTo("10.9.0.0/24", "10.0.0.2/32");
+    Route const route = routeTo("10.9.0.0/24", "10.0.0.2/32");
     std::string const before = test::configuration();
     for (int left = 12; left >= 0; --left) {
         leaveDescriptors(left);
@@ -130,8 +126,7 @@ TEST_F(Start, FailingPollCostsOneLineAndEndsNothing)
         run("ip link set v0 mtu " + std::to_string(mtu)); // ends the poll that waits
         std::vector<std::string> lines;
         EXPECT_TRUE(eventually([&] { return !(lines = test::takeLogOfOthers()).empty(); }));
-        EXPECT_THAT(lines,
-                    testing::Each("3 [ERROR] CacheManager.cpp:N (cacheThread) - got -1 error when trying to poll!"));
+        EXPECT_THAT(lines, Each("3 [ERROR] CacheManager.cpp:N (cacheThread) - got -1 error when trying to poll!"));
     }
     manager.reset();
     test::pollFails = false;
@@ -154,7 +149,7 @@ TEST_F(Start, CallersAreCancelledInPausesAlone)
         EXPECT_TRUE(manager.getVlan("v0").isAddedToKernel() && !manager.getListOfInterfaces().empty());
         EXPECT_TRUE(manager.add(ipv4("10.8.0.1/24"), 1) && manager.remove(ipv4("10.8.0.1/24"), 1));
         EXPECT_EQ("", manager.getRoute(ipv4("10.9.0.0/24")).getName());
-        Route const route = test::routeTo("10.9.0.0/24", "10.0.0.2/32");
+        Route const route = routeTo("10.9.0.0/24", "10.0.0.2/32");
         EXPECT_TRUE(manager.update(Interface("v1"), -1) && manager.update(route, 0));
         EXPECT_FALSE(manager.remove(Vlan("v0.7")) || manager.update(Vlan("v0.7"), 0));
         done += "changed ";
@@ -188,8 +183,7 @@ TEST_F(Start, EventThreadServesAnyCacheManager)
         CacheManager::changeCb(links, nl_cache_get_first(links), NL_ACT_CHANGE, data);
     }
     EXPECT_THAT(test::takeLog(),
-                testing::AllOf(testing::SizeIs(4),
-                               testing::Each("7 [DEBUG2] CacheManager.cpp:N (changeCb) - cache type callback!")));
+                AllOf(SizeIs(4), Each("7 [DEBUG2] CacheManager.cpp:N (changeCb) - cache type callback!")));
     pthread_cancel(thread);
     pthread_join(thread, nullptr);
     nl_cache_mngr_free(manager);
@@ -246,7 +240,7 @@ TEST_F(Queries, EventPassTakesTheLockOnce)
     auto lines = test::takeLogOfOthers(); // those of earlier passes, which changed nothing, may stand before
     lines.erase(lines.begin(), lines.end() - std::min<std::ptrdiff_t>(5, std::distance(lines.begin(), lines.end())));
     EXPECT_THAT(lines,
-                testing::ElementsAreArray(
+                ElementsAreArray(
                     {"7 [DEBUG3] CacheManager.cpp:N (cacheThread) - got 1 messages from netlink route event socket",
                      "7 [DEBUG3] CacheManager.cpp:N (MyLock) - try locking mutex because nl_cache_mngr_data_ready",
                      "7 [DEBUG3] CacheManager.cpp:N (MyLock) - mutex locked because nl_cache_mngr_data_ready",
