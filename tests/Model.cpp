@@ -260,7 +260,6 @@ public:
     std::string broken;   // the first promise that was, or empty
     Kernel kernel;
     bool isHidden = false; // the event socket
-    int readings = 0;
 
     int applyQueue()
     {
@@ -284,7 +283,6 @@ public:
     // Routes come in two pieces: the kernel continues behind as many as it has looked at.
     std::optional<Objects> read(Table table, int link = 0)
     {
-        ++readings;
         lookAtWaits();
         takePlan(before);
         time += std::chrono::milliseconds(takePlan(slow) ? 2 : 0);
@@ -472,16 +470,6 @@ TEST(Model, LongWalksKeepThePromises)
         }
         ASSERT_EQ("", Walk(walk).broken) << " --gtest_random_seed=" << seed << toString(walk);
     }
-}
-
-TEST(Model, NothingIsReadForAnUpdateAndForAdditions)
-{
-    Object const address{addresses, 2, 1, 0};
-    Walk const walk({Step{now, remove, viaLink1}, Step{turn}, Step{now, remove, address}, Step{now, add, address},
-                     Step{now, add, viaLink1}});
-    EXPECT_TRUE(walk.isUseful);
-    EXPECT_EQ("", walk.broken);
-    EXPECT_EQ(Walk({}).readings, walk.readings);
 }
 
 } // namespace
