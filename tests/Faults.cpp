@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cerrno>
-#include <dlfcn.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <mutex>
@@ -20,6 +19,8 @@
 #include <unistd.h>
 #include <utility>
 
+using test::next;
+
 namespace {
 
 thread_local int allocations = 0;
@@ -30,12 +31,6 @@ std::string requests;
 std::string linkRequest;
 std::function<void()> actionDuring;
 std::function<void()> passAction;
-
-template <typename Function>
-Function* next(char const* name)
-{
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
 
 bool failsNow() { return failFrom != 0 && ++allocations >= failFrom; }
 

@@ -2,11 +2,19 @@
 #pragma once
 
 #include <atomic>
+#include <dlfcn.h>
 #include <functional>
 #include <string>
 #include <vector>
 
 namespace test {
+
+// The function in whose place a function of the program stands.
+template <typename Function>
+Function* next(char const* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
 
 // ---- Faults ----
 

@@ -1,25 +1,19 @@
 // Memory runs out for a moment, at each of the first places in turn where the event thread and the constructor ask for
 // some: nothing may end the program, and the caches must be right again. This is a program of its own, since the
 // sanitizers and valgrind need malloc for themselves.
+#include "Faults.h"
 #include "Support.h"
 
 #include <cstdlib>
-#include <dlfcn.h>
 #include <netlink/cache.h>
+#include <unistd.h>
 
 namespace {
 
 std::atomic<int> untilFailure{0}; // allocations, of the thread that is meant; 0: none fails
 std::atomic<bool> mainIsMeant{false};
-thread_local bool isMain = false;
 
-bool failsNow() { return untilFailure != 0 && isMain == mainIsMeant && --untilFailure == 0; }
-
-template <typename Function>
-Function* next(char const* name)
-{
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
+bool failsNow() { return untilFailure != 0 && (gettid() == getpid()) == mainIsMeant && --untilFailure == 0; }
 
 } // namespace
 
@@ -28,19 +22,19 @@ extern "C" {
 int nl_cache_mngr_alloc(nl_sock* socket, int protocol, int flags, nl_cache_mngr** result)
 {
     int const left = untilFailure.exchange(0);
-    int const error = next<decltype(nl_cache_mngr_alloc)>("nl_cache_mngr_alloc")(socket, protocol, flags, result);
+    int const error = test::next<decltype(nl_cache_mngr_alloc)>("nl_cache_mngr_alloc")(socket, protocol, flags, result);
     untilFailure = left;
     return error;
 }
 
-void* malloc(std::size_t size) { return failsNow() ? nullptr : next<decltype(malloc)>("malloc")(size); }
+void* malloc(std::size_t size) { return failsNow() ? nullptr : test::next<decltype(malloc)>("malloc")(size); }
 void* calloc(std::size_t count, std::size_t size)
 {
-    return failsNow() ? nullptr : next<decltype(calloc)>("calloc")(count, size);
+    return failsNow() ? nullptr : test::next<decltype(calloc)>("calloc")(count, size);
 }
 void* realloc(void* memory, std::size_t size)
 {
-    return failsNow() ? nullptr : next<decltype(realloc)>("realloc")(memory, size);
+    return failsNow() ? nullptr : test::next<decltype(realloc)>("realloc")(memory, size);
 }
 }
 
@@ -49,15 +43,7 @@ namespace {
 using netlink_route::CacheManager;
 constexpr int places = 200;
 
-class OutOfMemory : public test::KernelTest {
-protected:
-    void SetUp() override
-    {
-        KernelTest::SetUp();
-        isMain = true;
-        test::run("ip link set v0 up; ip link set v1 up");
-    }
-};
+class OutOfMemory : public test::KernelTest {};
 
 // Whether the manager follows one change of each kind.
 testing::AssertionResult follows(CacheManager const& manager, int number, int failingAllocation)
@@ -78,6 +64,7 @@ testing::AssertionResult follows(CacheManager const& manager, int number, int fa
 
 TEST_F(OutOfMemory, EventThreadRecovers)
 {
+    test::run("ip link set v0 up; ip link set v1 up");
     CacheManager const manager;
     for (int place = 1; place <= places; ++place) {
         EXPECT_TRUE(follows(manager, place, place)) << place;
@@ -86,6 +73,7 @@ TEST_F(OutOfMemory, EventThreadRecovers)
 
 TEST_F(OutOfMemory, ConstructorLeavesAManagerThatIsRightOrSaysWhyNot)
 {
+    test::run("ip link set v0 up; ip link set v1 up");
     for (int place = 1; place <= places; ++place) {
         test::TraceLevel const scope(3);
         mainIsMeant = true;
