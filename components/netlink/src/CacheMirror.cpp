@@ -84,7 +84,6 @@ void CacheMirror::begin(Caches const& filled) noexcept
 {
     assumeEventThread();
     caches = filled;
-    repair.useCaches(caches, false);
     bool const done = fitsInMemory([&] {
         assumeEventThread();
         correctFilling();
@@ -92,7 +91,7 @@ void CacheMirror::begin(Caches const& filled) noexcept
     if (!done) {
         dirty.noteLoss();
     }
-    repair.useCaches(caches, true);
+    repair.share();
     MutexLock const guard(registryMutex);
     next = registry;
     registry = this;

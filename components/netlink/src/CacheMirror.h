@@ -89,11 +89,11 @@ private:
 
     NoticeSocket notices GUARDED_BY(eventThread);
     DirtyTables dirty GUARDED_BY(eventThread);
-    TableRepair repair GUARDED_BY(eventThread){dirty, events, stopping};
     Caches caches GUARDED_BY(eventThread);
+    TableRepair repair GUARDED_BY(eventThread){caches, dirty, events, stopping};
     int changes GUARDED_BY(eventThread) = 0; // that libnl has told of in this pass
-    int expected GUARDED_BY(eventThread) =
-        0; // objects in the caches: those before this pass, and what libnl told since
+    // Objects in the caches: those before this pass, and what libnl has told of since.
+    int expected GUARDED_BY(eventThread) = 0;
 };
 
 } // namespace netlink_route

@@ -11,12 +11,6 @@
 
 namespace netlink_route {
 
-void TableRepair::useCaches(Caches const& toRepair, bool lock)
-{
-    caches = toRepair;
-    lockSlices = lock;
-}
-
 namespace {
 
 // Of the calling thread: on a busy machine the clock on the wall would make a reading look expensive.

@@ -26,16 +26,16 @@ struct Caches {
 // slices of the changes; and not in the constructor, whose caches nobody else knows.
 class TableRepair {
 public:
-    TableRepair(DirtyTables& tables, EventSocket const& socket, std::atomic<bool> const& toStop)
-        : dirty(tables), events(socket), stop(toStop), reader(toStop)
+    TableRepair(Caches const& toRepair, DirtyTables& tables, EventSocket const& socket, std::atomic<bool> const& toStop)
+        : caches(toRepair), dirty(tables), events(socket), stop(toStop), reader(toStop)
     {
     }
 
     // Opens the socket of the readings. Returns libnl's result.
     int open() { return reader.open(); }
 
-    // The caches to be repaired: first those of the constructor, which are not locked, then those of the event thread.
-    void useCaches(Caches const& toRepair, bool lock);
+    // From now on others use the caches, too: they are locked for each slice.
+    void share() { shared = true; }
 
     // Reads what is dirty, if it is time for that.
     void readWhatIsDue();
@@ -60,14 +60,14 @@ private:
     bool putOff(DirtyTables::Causes const& causes, int times);
     Suspects findSuspects(DirtyTables::Causes const& causes);
     std::optional<Objects> readRoutesOf(NumberSet<int> const& links);
-    Slices slices() const { return {stop, lockSlices}; }
+    Slices slices() const { return {stop, shared}; }
 
+    Caches const& caches;
     DirtyTables& dirty;
     EventSocket const& events;
     std::atomic<bool> const& stop;
     KernelReader reader;
-    Caches caches;
-    bool lockSlices = false;
+    bool shared = false;
     int timesPutOff = 0; // in a row: the reading of the routes of some links
 };
 
