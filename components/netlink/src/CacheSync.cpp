@@ -41,27 +41,31 @@ std::vector<nl_object*> objectsOf(nl_cache* cache)
 struct Fresh {
     std::uint64_t key;
     std::size_t place; // in the kernel's order
-    ObjectPtr object;  // null when the cache holds it
-    bool isDuplicate;  // to libnl the same as one before it
+    ObjectPtr object;  // null when one before it is the same to libnl, or the cache holds it
 };
 
 bool isIdentical(nl_object* lhs, nl_object* rhs) { return nl_object_identical(lhs, rhs) != 0; }
 
 // Sorted by key: libnl's own hash tables have 1,024 buckets, and would take seconds for large tables.
-std::vector<Fresh> sortByKey(std::vector<ObjectPtr> objects, Key key)
+std::vector<Fresh> sortByKey(Objects objects, Key key)
 {
     std::vector<Fresh> fresh;
     fresh.reserve(objects.size());
     for (ObjectPtr& object : objects) {
         std::uint64_t const value = key(object.get());
-        fresh.push_back({value, fresh.size(), std::move(object), false});
+        fresh.push_back({value, fresh.size(), std::move(object)});
     }
     std::sort(fresh.begin(), fresh.end(), [](Fresh const& lhs, Fresh const& rhs) {
         return std::tie(lhs.key, lhs.place) < std::tie(rhs.key, rhs.place);
     });
+    auto first = fresh.begin(); // of those with the same key
     for (auto it = fresh.begin(); it != fresh.end(); ++it) {
-        for (auto before = it; before != fresh.begin() && (before - 1)->key == it->key && !it->isDuplicate; --before) {
-            it->isDuplicate = isIdentical((before - 1)->object.get(), it->object.get());
+        first = first->key == it->key ? first : it;
+        auto const isSame = [&](Fresh const& before) {
+            return before.object != nullptr && isIdentical(before.object.get(), it->object.get());
+        };
+        if (std::any_of(first, it, isSame)) {
+            it->object.reset();
         }
     }
     return fresh;
@@ -83,7 +87,7 @@ std::vector<Change> compare(std::vector<nl_object*> const& held, std::vector<Fre
         auto const isBefore = [](Fresh const& lhs, std::uint64_t rhs) { return lhs.key < rhs; };
         auto match = std::lower_bound(fresh.begin(), fresh.end(), value, isBefore);
         auto const isOther = [&](Fresh const& candidate) {
-            return candidate.object == nullptr || candidate.isDuplicate || !isIdentical(candidate.object.get(), object);
+            return candidate.object == nullptr || !isIdentical(candidate.object.get(), object);
         };
         while (match != fresh.end() && match->key == value && isOther(*match)) {
             ++match;
@@ -132,7 +136,7 @@ Applied makeEqual(nl_cache* cache, std::vector<Fresh> fresh, Slices const& slice
     std::vector<Change> changes = compare(objectsOf(cache), fresh, key);
     std::sort(fresh.begin(), fresh.end(), [](Fresh const& lhs, Fresh const& rhs) { return lhs.place < rhs.place; });
     for (Fresh& candidate : fresh) { // behind the others, in the kernel's order
-        if (candidate.object != nullptr && !candidate.isDuplicate) {
+        if (candidate.object != nullptr) {
             changes.push_back({nullptr, std::move(candidate.object)});
         }
     }
@@ -141,12 +145,12 @@ Applied makeEqual(nl_cache* cache, std::vector<Fresh> fresh, Slices const& slice
 
 } // namespace
 
-Applied makeLinksEqual(nl_cache* cache, std::vector<ObjectPtr> fresh, Slices const& slices)
+Applied makeLinksEqual(nl_cache* cache, Objects fresh, Slices const& slices)
 {
     return makeEqual(cache, sortByKey(std::move(fresh), linkKey), slices, linkKey);
 }
 
-Applied makeAddressesEqual(nl_cache* cache, std::vector<ObjectPtr> fresh, Slices const& slices)
+Applied makeAddressesEqual(nl_cache* cache, Objects fresh, Slices const& slices)
 {
     std::vector<std::pair<std::uint64_t, nl_object*>> held;
     for (nl_object* const object : objectsOf(cache)) {
@@ -170,13 +174,12 @@ Applied makeAddressesEqual(nl_cache* cache, std::vector<ObjectPtr> fresh, Slices
     return apply(cache, std::move(changes), slices);
 }
 
-std::optional<std::vector<std::uint64_t>> makeRoutesEqual(nl_cache* cache, std::vector<ObjectPtr> fresh,
-                                                          Slices const& slices)
+std::optional<std::vector<std::uint64_t>> makeRoutesEqual(nl_cache* cache, Objects fresh, Slices const& slices)
 {
     std::vector<Fresh> sorted = sortByKey(std::move(fresh), keyOfRoute);
     std::vector<std::uint64_t> duplicates;
     for (Fresh const& route : sorted) {
-        if (route.isDuplicate) {
+        if (route.object == nullptr) {
             duplicates.push_back(route.key);
         }
     }
@@ -186,8 +189,7 @@ std::optional<std::vector<std::uint64_t>> makeRoutesEqual(nl_cache* cache, std::
     return duplicates;
 }
 
-Applied removeStaleRoutes(nl_cache* cache, std::vector<nl_object*> const& routes, std::vector<ObjectPtr> fresh,
-                          Slices const& slices)
+Applied removeStaleRoutes(nl_cache* cache, std::vector<nl_object*> const& routes, Objects fresh, Slices const& slices)
 {
     std::vector<Fresh> sorted = sortByKey(std::move(fresh), keyOfRoute);
     return apply(cache, compare(routes, sorted, keyOfRoute), slices);

@@ -6,14 +6,10 @@
 #include <atomic>
 #include <cstddef>
 #include <optional>
-#include <vector>
 
 namespace netlink_route {
 
-// What was read, in the kernel's order.
-using Objects = std::vector<ObjectPtr>;
-
-// Asks the kernel over a socket of its own, on which no notification arrives.
+// Asks the kernel over a socket of its own, on which no notification arrives. What was read has the kernel's order.
 //
 // A reading fails when the request cannot be sent or answered, when the tables changed so much during the dump that the
 // answer is not consistent, when memory runs out, or when the flag `stop` is set. It waits for the kernel's answer, and

@@ -9,6 +9,7 @@
 #include <netlink/route/nexthop.h>
 #include <netlink/route/route.h>
 #include <netlink/socket.h>
+#include <vector>
 
 namespace netlink_route {
 
@@ -28,5 +29,7 @@ using LinkPtr = std::unique_ptr<rtnl_link, Release<rtnl_link_put>>;
 using AddrPtr = std::unique_ptr<rtnl_addr, Release<rtnl_addr_put>>;
 using RoutePtr = std::unique_ptr<rtnl_route, Release<rtnl_route_put>>;
 using NextHopPtr = std::unique_ptr<rtnl_nexthop, Release<rtnl_route_nh_free>>;
+
+using Objects = std::vector<ObjectPtr>;
 
 } // namespace netlink_route
