@@ -2,9 +2,7 @@
 
 #include "RouteKey.h"
 
-#include <algorithm>
 #include <linux/if.h>
-#include <utility>
 
 namespace netlink_route {
 
@@ -53,12 +51,6 @@ void DirtyTables::noteLoss()
     addresses = true;
     routes = true;
 }
-
-bool DirtyTables::take(bool& table) { return std::exchange(table, false); }
-
-DirtyTables::Causes DirtyTables::takeCauses() { return std::exchange(causes, {}); }
-
-void DirtyTables::putBack(Causes const& taken) { causes = taken; }
 
 namespace {
 

@@ -1,6 +1,7 @@
 // What in the caches may differ from the kernel, and when it may be read again.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstddef>
@@ -30,15 +31,7 @@ public:
         }
         numbers[count++] = number;
     }
-    bool contains(Number number) const
-    {
-        for (Number const held : *this) {
-            if (held == number) {
-                return true;
-            }
-        }
-        return false;
-    }
+    bool contains(Number number) const { return std::find(begin(), end(), number) != end(); }
     bool empty() const { return count == 0; }
     bool isOverflown() const { return overflown; }
     Number const* begin() const { return numbers.data(); }
@@ -85,9 +78,9 @@ public:
     // ---- What is to be read ----
 
     // Each true once after it was noted.
-    bool takeLinks() { return take(links); }
-    bool takeAddresses() { return take(addresses); }
-    bool takeRoutes() { return take(routes); }
+    bool takeLinks() { return std::exchange(links, false); }
+    bool takeAddresses() { return std::exchange(addresses, false); }
+    bool takeRoutes() { return std::exchange(routes, false); }
 
     // The links and the addresses whose routes may differ, and what is known of these routes.
     struct Causes {
@@ -95,8 +88,8 @@ public:
         NumberSet<std::uint32_t> addresses; // routes with one of these as preferred source
         NumberSet<std::uint64_t> renewed;   // but for the routes with these keys, which were notified after that
     };
-    Causes takeCauses();
-    void putBack(Causes const& taken);
+    Causes takeCauses() { return std::exchange(causes, {}); }
+    void putBack(Causes const& taken) { causes = taken; }
 
     // Whether a table, or the routes of some links, may be read now.
     bool areTablesDue(Clock::time_point now) const { return isAnyTable() && now >= nextTables; }
@@ -114,7 +107,6 @@ public:
     void noteCausesRead(std::chrono::nanoseconds cost, Clock::time_point end, bool complete);
 
 private:
-    static bool take(bool& table);
     bool isAnyTable() const { return links || addresses || routes; }
     bool isAnyCause() const { return !causes.links.empty() || !causes.addresses.empty(); }
 
