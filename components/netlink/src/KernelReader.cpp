@@ -68,7 +68,7 @@ int KernelReader::open()
     nl_socket_disable_auto_ack(socket.get()); // one answer for one request
     int const result = nl_connect(socket.get(), NETLINK_ROUTE);
     if (result < 0) {
-        close();
+        socket.reset();
         return result;
     }
     int const descriptor = nl_socket_get_fd(socket.get());
@@ -78,8 +78,6 @@ int KernelReader::open()
     setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
     return 0;
 }
-
-void KernelReader::close() { socket.reset(); }
 
 // Returns libnl's result. An unknown link (-NLE_NODEV) is a complete answer. After any other failure the rest of the
 // answer may still arrive, so the next request opens another socket.
@@ -101,7 +99,7 @@ int KernelReader::request(int type, int flags, void* body, std::size_t size, Ans
         result = answer.result;
     }
     if (result < 0 && result != -NLE_NODEV) {
-        close();
+        socket.reset();
     }
     return result;
 }
@@ -170,7 +168,7 @@ bool KernelReader::waitForKernel()
 void KernelReader::abandon()
 {
     if (socket != nullptr) {
-        ::close(nl_socket_get_fd(socket.get()));
+        close(nl_socket_get_fd(socket.get()));
     }
 }
 

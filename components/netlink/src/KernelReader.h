@@ -44,7 +44,6 @@ private:
     struct Answer;
     int request(int type, int flags, void* body, std::size_t size, Answer& answer);
     std::optional<Objects> dump(int type, void* body, std::size_t size);
-    void close();
 
     std::atomic<bool> const& stop;
     SocketPtr socket;    // null: not connected
