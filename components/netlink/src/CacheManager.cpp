@@ -58,14 +58,11 @@ CacheManager::CacheManager() : process(getpid())
     if (result < 0) {
         TRACE_ERROR("cache manager allocation failed %s", nl_geterror(-result));
     }
-    if (nl_cache_alloc_name("route/link", &linkCache) != 0) {
-        TRACE_ERROR("cache manager cache alloc failed route/link");
-    }
-    if (nl_cache_alloc_name("route/route", &routeCache) != 0) {
-        TRACE_ERROR("cache manager cache alloc failed route/route");
-    }
-    if (nl_cache_alloc_name("route/addr", &addrCache) != 0) {
-        TRACE_ERROR("cache manager cache alloc failed route/addr");
+    for (auto const& [name, cache] :
+         {std::pair("route/link", &linkCache), {"route/route", &routeCache}, {"route/addr", &addrCache}}) {
+        if (nl_cache_alloc_name(name, cache) != 0) {
+            TRACE_ERROR("cache manager cache alloc failed %s", name);
+        }
     }
     result = addCache(mngr, linkCache, changeCb, this);
     if (result < 0) {
@@ -197,12 +194,6 @@ void* CacheManager::cacheThread(void* arg)
 }
 
 // ---- Conversion of links and addresses ----
-
-namespace {
-
-std::string toBits(unsigned int flags) { return std::bitset<32>(flags).to_string(); }
-
-} // namespace
 
 nl_addr* CacheManager::convertToAddress(Address const& address)
 {
@@ -368,7 +359,7 @@ void CacheManager::generateFromLinkCommonHelper(Interface& interface, rtnl_link*
     interface.setNbrRxQueues(rtnl_link_get_num_rx_queues(link));
     interface.setModeDormant(rtnl_link_get_linkmode(link) == IF_LINK_MODE_DORMANT);
     unsigned int const flags = rtnl_link_get_flags(link);
-    TRACE_DEBUG3("flags of link %s", toBits(flags).c_str());
+    TRACE_DEBUG3("flags of link %s", std::bitset<32>(flags).to_string().c_str());
     if ((flags & IFF_UP) != 0) {
         interface.setUp();
     } else {
@@ -761,7 +752,7 @@ bool CacheManager::update(Interface const& interface, int tries)
     Interface found = getInterface(name);
     auto const reread = [&] { found = getInterface(name); };
     if (!waitUntil(
-            tries, guard, [&] { return found.getIndex() != 0 && !(interface != found); }, reread)) {
+            tries, guard, [&] { return found.getIndex() != 0 && interface == found; }, reread)) {
         TRACE_ERROR("update failed because expected interface not found");
         TRACE_ERROR("last found Interface %s", found.toString().c_str());
         return false;
