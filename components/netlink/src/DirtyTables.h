@@ -25,11 +25,10 @@ public:
         if (contains(number)) {
             return;
         }
-        if (count == numbers.size()) {
-            overflown = true;
-            return;
+        overflown = count == numbers.size();
+        if (!overflown) {
+            numbers[count++] = number;
         }
-        numbers[count++] = number;
     }
     bool contains(Number number) const { return std::find(begin(), end(), number) != end(); }
     bool empty() const { return count == 0; }
