@@ -48,16 +48,12 @@ CacheMirror::~CacheMirror()
 
 int CacheMirror::allocate(nl_cache_mngr** manager, std::unique_ptr<CacheMirror>& mirror)
 {
+    *manager = nullptr;
     mirror.reset(new (std::nothrow) CacheMirror);
-    if (mirror == nullptr) {
-        return -NLE_NOMEM;
+    int result = mirror != nullptr ? allocateManager(manager) : -NLE_NOMEM;
+    if (result == 0) {
+        result = mirror->open(*manager);
     }
-    int result = allocateManager(manager);
-    if (result < 0) {
-        mirror.reset();
-        return result;
-    }
-    result = mirror->open(*manager);
     if (result < 0) {
         nl_cache_mngr_free(*manager);
         *manager = nullptr;
