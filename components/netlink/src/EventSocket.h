@@ -17,8 +17,6 @@ namespace netlink_route {
 // Threading: adopt() and abandon() by the thread that makes or destroys the manager, the rest by any thread.
 class EventSocket {
 public:
-    EventSocket() = default;
-
     // Takes the descriptor of libnl's event socket, before the caches join their groups: attaches the filter, enlarges
     // the receive buffer, joins the groups that libnl does not. Returns libnl's result.
     int adopt(int libnlDescriptor);
