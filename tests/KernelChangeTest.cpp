@@ -22,7 +22,6 @@ std::string const inUpdate = error + "(update) - ";
 std::string const inRemove = error + "(remove) - ";
 std::string const debug1 = "7 [DEBUG1] CacheManager.cpp:N ";
 
-class Addresses : public KernelTest {};
 class Links : public KernelTest {};
 class Vlans : public KernelTest {};
 class Routes : public KernelTest {};
@@ -51,7 +50,7 @@ std::vector<std::string> linesOf(int level, std::function<bool()> const& operati
     return test::takeLog();
 }
 
-TEST_F(Addresses, AreAddedAndRemoved)
+TEST_F(Links, AddressesAreAddedAndRemoved)
 {
     CacheManager manager;
     int const index = manager.getInterface("v0").getIndex();
@@ -76,17 +75,6 @@ TEST_F(Addresses, AreAddedAndRemoved)
     EXPECT_EQ(inRemove + "remove failed of address",
               linesOf(8, [&] { return manager.remove(ipv4("192.168.1.10"), 1); }).at(1));
     EXPECT_TRUE(mirrorsKernel(manager));
-}
-
-TEST_F(Links, UpdateReplacesTheAddressAndLeavesItWhereNoneIsGiven)
-{
-    run("ip address add 10.9.9.9/32 dev v0");
-    CacheManager manager;
-    EXPECT_TRUE(manager.update(linkWithIp("v0", "192.168.1.10/24"), tries));
-    EXPECT_THAT(output("ip address show v0"),
-                AllOf(HasSubstr(",UP"), HasSubstr("inet 192.168.1.10/24"), Not(HasSubstr("inet 10."))));
-    EXPECT_TRUE(manager.update(Interface("v0"), tries));
-    EXPECT_THAT(output("ip address show v0"), AllOf(HasSubstr("inet 192.168.1.10/24"), Not(HasSubstr(",UP"))));
 }
 
 TEST_F(Links, InterruptedRequestSpoilsNoLaterOne)
@@ -137,10 +125,14 @@ TEST_F(Links, ChangesShowInTheNextQuery)
     EXPECT_TRUE(mirrorsKernel(manager));
 }
 
-// The kernel notifies nobody of these.
-TEST_F(Links, ChangesOfADownLinkAreSeen)
+// The kernel notifies nobody of what changes on a link that is down.
+TEST_F(Links, UpdatesReplaceTheAddressAndAreSeenOnADownLink)
 {
+    run("ip address add 10.9.9.9/32 dev v0");
     CacheManager manager;
+    EXPECT_TRUE(manager.update(linkWithIp("v0", "192.168.1.10/24"), tries));
+    EXPECT_THAT(output("ip address show v0"),
+                AllOf(HasSubstr(",UP"), HasSubstr("inet 192.168.1.10/24"), Not(HasSubstr("inet 10."))));
     int const sleeps = test::sleeps;
     for (unsigned int i = 1; i <= 20; ++i) {
         Interface wanted("v0");
@@ -161,6 +153,7 @@ TEST_F(Links, ChangesOfADownLinkAreSeen)
               indexSent()); // a group with a name may mean all links of the group
     EXPECT_TRUE(manager.update(Interface("v0"), tries));
     EXPECT_EQ(0, indexSent()); // here the name is enough
+    EXPECT_THAT(output("ip address show v0"), AllOf(HasSubstr("inet 192.168.1.10/24"), Not(HasSubstr(",UP"))));
 }
 
 void expectAcceptedAsRead(std::string const& name)
