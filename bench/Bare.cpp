@@ -135,24 +135,19 @@ std::vector<std::string> Bare::getIps(int index)
     return findIps(index);
 }
 
-Bare::Link Bare::getLink(std::string const& name)
-{
-    std::lock_guard<std::mutex> const lock(mutex);
-    rtnl_link* const found = rtnl_link_get_by_name(links, name.c_str());
-    require(found != nullptr);
-    Link result = convert(found);
-    rtnl_link_put(found);
-    result.ips = findIps(result.index);
-    return result;
-}
+Bare::Link Bare::getLink(std::string const& name) { return readLink(name, false); }
 
-Bare::Link Bare::getVlan(std::string const& name)
+Bare::Link Bare::getVlan(std::string const& name) { return readLink(name, true); }
+
+Bare::Link Bare::readLink(std::string const& name, bool asVlan)
 {
     std::lock_guard<std::mutex> const lock(mutex);
     rtnl_link* const found = rtnl_link_get_by_name(links, name.c_str());
     require(found != nullptr);
     Link result = convert(found);
-    result.vlanId = rtnl_link_is_vlan(found) != 0 ? rtnl_link_vlan_get_id(found) : -1;
+    if (asVlan) {
+        result.vlanId = rtnl_link_is_vlan(found) != 0 ? rtnl_link_vlan_get_id(found) : -1;
+    }
     rtnl_link_put(found);
     result.ips = findIps(result.index);
     return result;

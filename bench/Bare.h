@@ -45,6 +45,7 @@ public:
     bool update(std::string const& name, unsigned int mtu, std::string const& address);
 
 private:
+    Link readLink(std::string const& name, bool asVlan);
     std::vector<std::string> findIps(int index);
     void follow();
 
