@@ -52,11 +52,11 @@ testing::AssertionResult follows(CacheManager const& manager, int number, int fa
     std::string const net = "10." + std::to_string(number) + ".";
     mainIsMeant = false;
     untilFailure = failingAllocation;
-    test::run("printf 'link set v0 mtu " + mtu + "\nlink add x0 type veth peer name x1\naddress add " + net +
+    test::run("printf 'link set v0 up mtu " + mtu + "\nlink add x0 type veth peer name x1\naddress add " + net +
               "1.1/24 dev v0\nroute add " + net + "9.0/24 via " + net + "1.2\nlink delete x0\n' | ip -batch -");
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     untilFailure = 0;
-    test::run("ip link set v1 mtu " + mtu);
+    test::run("ip link set v1 up mtu " + mtu);
     auto const made = test::mirrorsKernel(manager, std::chrono::seconds(2));
     test::run("ip address flush dev v0");
     return made ? test::mirrorsKernel(manager, std::chrono::seconds(2)) : made;
@@ -64,7 +64,6 @@ testing::AssertionResult follows(CacheManager const& manager, int number, int fa
 
 TEST_F(OutOfMemory, EventThreadRecovers)
 {
-    test::run("ip link set v0 up; ip link set v1 up");
     CacheManager const manager;
     for (int place = 1; place <= places; ++place) {
         EXPECT_TRUE(follows(manager, place, place)) << place;
@@ -73,7 +72,6 @@ TEST_F(OutOfMemory, EventThreadRecovers)
 
 TEST_F(OutOfMemory, ConstructorLeavesAManagerThatIsRightOrSaysWhyNot)
 {
-    test::run("ip link set v0 up; ip link set v1 up");
     for (int place = 1; place <= places; ++place) {
         test::TraceLevel const scope(3);
         mainIsMeant = true;
