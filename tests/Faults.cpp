@@ -3,7 +3,6 @@
 #include "KernelNumbers.h"
 #include "Support.h"
 
-#include <array>
 #include <cerrno>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
