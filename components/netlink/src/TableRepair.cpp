@@ -1,9 +1,9 @@
 #include "TableRepair.h"
 
 #include "EventSocket.h"
+#include "ProcessorTime.h"
 #include "RouteKey.h"
 
-#include <ctime>
 #include <iterator>
 #include <linux/rtnetlink.h>
 #include <optional>
@@ -11,30 +11,18 @@
 
 namespace netlink_route {
 
-namespace {
-
-// Of the calling thread: on a busy machine the clock on the wall would make a reading look expensive.
-std::chrono::nanoseconds processorTime()
-{
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
-} // namespace
-
 void TableRepair::readWhatIsDue()
 {
     using Clock = DirtyTables::Clock;
     if (dirty.areCausesDue(Clock::now())) { // first, since it costs little
-        std::chrono::nanoseconds const start = processorTime();
+        std::chrono::nanoseconds const start = timeOn(CLOCK_THREAD_CPUTIME_ID);
         bool const complete = readRoutesOfCauses();
-        dirty.noteCausesRead(processorTime() - start, Clock::now(), complete);
+        dirty.noteCausesRead(timeOn(CLOCK_THREAD_CPUTIME_ID) - start, Clock::now(), complete);
     }
     if (dirty.areTablesDue(Clock::now())) {
-        std::chrono::nanoseconds const start = processorTime();
+        std::chrono::nanoseconds const start = timeOn(CLOCK_THREAD_CPUTIME_ID);
         bool const complete = readTables();
-        dirty.noteTablesRead(processorTime() - start, Clock::now(), complete);
+        dirty.noteTablesRead(timeOn(CLOCK_THREAD_CPUTIME_ID) - start, Clock::now(), complete);
     }
 }
 

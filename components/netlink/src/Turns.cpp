@@ -1,6 +1,7 @@
 #include "Turns.h"
 
 #include "EventSocket.h"
+#include "ProcessorTime.h"
 
 #include <sched.h>
 
@@ -39,17 +40,6 @@ bool Turns::isCaughtUp(EventSocket const& events, std::chrono::microseconds time
     }
     return false;
 }
-
-namespace {
-
-std::chrono::nanoseconds timeOn(clockid_t clock)
-{
-    timespec time{};
-    clock_gettime(clock, &time);
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
-} // namespace
 
 // Mostly the event thread needs less than 200 us, and to be woken takes as long again: so at first this thread only lets
 // others run. Then it looks each millisecond how long the event thread has worked since. What counts is the processor
