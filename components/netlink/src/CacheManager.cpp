@@ -751,8 +751,8 @@ bool CacheManager::update(Interface const& interface, int tries)
     }
     Interface found = getInterface(name);
     auto const reread = [&] { found = getInterface(name); };
-    if (!waitUntil(
-            tries, guard, [&] { return found.getIndex() != 0 && interface == found; }, reread)) {
+    auto const isAsWanted = [&] { return found.getIndex() != 0 && !(interface != found); };
+    if (!waitUntil(tries, guard, isAsWanted, reread)) {
         TRACE_ERROR("update failed because expected interface not found");
         TRACE_ERROR("last found Interface %s", found.toString().c_str());
         return false;
@@ -762,8 +762,8 @@ bool CacheManager::update(Interface const& interface, int tries)
     }
     replaceIps(found.getIndex(), interface);
     reread();
-    if (!waitUntil(
-            tries, guard, [&] { return hasSameIps(found, interface); }, reread)) {
+    auto const hasWantedIps = [&] { return hasSameIps(found, interface); };
+    if (!waitUntil(tries, guard, hasWantedIps, reread)) {
         TRACE_ERROR("update failed because expected ips not found");
         TRACE_ERROR("last found interface %s", found.toString().c_str());
         return false;
