@@ -599,7 +599,9 @@ int sendOnce(Send send)
 void dropOldAnswers(nl_sock* socket)
 {
     char first = 0;
-    while (recv(nl_socket_get_fd(socket), &first, sizeof first, MSG_DONTWAIT) >= 0 || errno == ENOBUFS) {
+    ssize_t received = 1;
+    while (received > 0 || (received < 0 && errno == ENOBUFS)) {
+        received = recv(nl_socket_get_fd(socket), &first, sizeof first, MSG_DONTWAIT);
     }
 }
 

@@ -40,12 +40,13 @@ NoticeSocket::Notices NoticeSocket::take()
     } message{};
     Notices result;
     while (true) {
-        if (recv(nl_socket_get_fd(socket.get()), &message, sizeof message, MSG_DONTWAIT) < 0) {
-            if (errno != ENOBUFS) {
-                return result;
-            }
+        ssize_t const received = recv(nl_socket_get_fd(socket.get()), &message, sizeof message, MSG_DONTWAIT);
+        if (received < 0 && errno == ENOBUFS) {
             result.overrun = true;
             continue;
+        }
+        if (received <= 0) {
+            return result;
         }
         unsigned int const type = message.header.nlmsg_type & newOrDeleted;
         if (type == RTM_NEWQDISC) {
