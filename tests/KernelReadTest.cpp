@@ -91,6 +91,13 @@ TEST_F(Start, WithoutAThreadOrDescriptorsIsCrippledAtMost)
     EXPECT_TRUE(mirrorsKernel(manager));
 }
 
+TEST_F(Start, WithoutAnAnswerOfTheKernelEnds)
+{
+    test::failingRequests = 1; // libnl would wait for ever
+    CacheManager const manager;
+    EXPECT_TRUE(manager.getListOfInterfaces().empty());
+}
+
 TEST_F(Start, TwoManagersKeepTheirOwnCaches)
 {
     CacheManager const first;

@@ -6,10 +6,17 @@
 
 #include <iterator>
 #include <linux/rtnetlink.h>
+#include <netlink/errno.h>
 #include <optional>
 #include <utility>
 
 namespace netlink_route {
+
+int TableRepair::open()
+{
+    int const result = reader.open();
+    return result == 0 && !reader.waitForKernel() ? -NLE_FAILURE : result;
+}
 
 void TableRepair::readWhatIsDue()
 {

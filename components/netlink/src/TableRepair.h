@@ -31,8 +31,9 @@ public:
     {
     }
 
-    // Opens the socket of the readings. Returns libnl's result.
-    int open() { return reader.open(); }
+    // Opens the socket of the readings, and asks the kernel something: where no request can be sent, libnl would wait for
+    // the answer for ever while it fills the cache of the links. Returns libnl's result.
+    int open();
 
     // From now on others use the caches, too: they are locked for each slice.
     void share() { shared = true; }
