@@ -346,13 +346,19 @@ TEST_F(Mirror, RecoversFromOverrunsWhileOthersAsk)
     test::Meanwhile const asking([&] { manager.getInterface("v1"); });
     shrinkReceiveBuffers();
     test::TraceLevel const scope(3);
-    for (std::string const& storm : {batch(100, addLink), batch(100, "echo link delete a$i")}) {
+    auto const makeVlan = [](int id) { // not every kernel can
+        return "(ip link delete v0.5; ip link add link v0 name v0.5 index 500 type vlan id " + std::to_string(id) +
+               ") 2>/dev/null || true";
+    };
+    // To libnl's comparison the second VLAN is the first.
+    for (std::string const& storm :
+         {batch(100, addLink) + makeVlan(6), batch(100, "echo link delete a$i") + makeVlan(7)}) {
         {
             MyLock const lock("test"); // the event thread cannot keep up
             run(storm);
             test::failingRequests = 2; // of the readings of links and addresses
         }
-        EXPECT_TRUE(mirrorsKernel(manager, 20s));
+        EXPECT_TRUE(answersAsNew(manager, 20s));
     }
     auto const lines = test::takeLogOfOthers();
     EXPECT_FALSE(lines.empty());

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <netlink/object.h>
+#include <netlink/route/link/vlan.h>
 #include <tuple>
 #include <utility>
 
@@ -15,9 +16,13 @@ namespace {
 
 using Key = std::uint64_t (*)(nl_object*);
 
+// With what libnl leaves out when it compares two links: a link whose ARP type or VLAN id changed is another one.
 std::uint64_t linkKey(nl_object* object)
 {
-    return static_cast<std::uint64_t>(rtnl_link_get_ifindex(reinterpret_cast<rtnl_link*>(object)));
+    auto* const link = reinterpret_cast<rtnl_link*>(object);
+    auto const index = static_cast<std::uint64_t>(rtnl_link_get_ifindex(link));
+    auto const vlanId = static_cast<std::uint64_t>(rtnl_link_is_vlan(link) != 0 ? rtnl_link_vlan_get_id(link) : 0);
+    return index << 32 | vlanId << 16 | rtnl_link_get_arptype(link);
 }
 
 std::uint64_t addressKey(nl_object* object)
