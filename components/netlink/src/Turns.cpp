@@ -41,15 +41,15 @@ bool Turns::isCaughtUp(EventSocket const& events, std::chrono::microseconds time
     return false;
 }
 
-// Mostly the event thread needs less than 200 us, and to be woken takes as long again: so at first this thread only lets
-// others run. Then it looks each millisecond how long the event thread has worked since. What counts is the processor
-// time of that thread, its readings aside: the limit is for notifications that come without end, not for a large table
-// or a busy processor.
+// Mostly the event thread needs less than 200 us, and more on a slow machine; to be woken takes as long again. So at first
+// this thread only lets others run. Then it looks each millisecond how long the event thread has worked since. What
+// counts is the processor time of that thread, its readings aside: the limit is for notifications that come without end,
+// not for a large table or a busy processor.
 void Turns::wait(EventSocket const& events)
 {
     using Clock = std::chrono::steady_clock;
     auto const start = Clock::now();
-    while (Clock::now() < start + 200us) {
+    while (Clock::now() < start + 500us) {
         if (isCaughtUp(events, 0us)) {
             return;
         }
