@@ -142,8 +142,7 @@ bool bring(CacheManager& manager, Link link, std::string const& number)
     Route route(link.getName());
     route.setDestination(Address("10.101." + number + ".0/24", Address::IPV4));
     route.setGateway(Address("10.100." + number + ".2/32", Address::IPV4));
-    return manager.update(link, 5) && manager.update(route, 5) &&
-           manager.getRoute(route.getDestination()).isAddedToKernel();
+    return manager.update(link, 5) && manager.update(route, 5);
 }
 
 void boot(std::vector<std::string> const& names)
