@@ -58,11 +58,14 @@ CacheManager::CacheManager() : process(getpid())
     if (result < 0) {
         TRACE_ERROR("cache manager allocation failed %s", nl_geterror(-result));
     }
-    for (auto const& [name, cache] :
-         {std::pair("route/link", &linkCache), {"route/route", &routeCache}, {"route/addr", &addrCache}}) {
-        if (nl_cache_alloc_name(name, cache) != 0) {
-            TRACE_ERROR("cache manager cache alloc failed %s", name);
-        }
+    if (nl_cache_alloc_name("route/link", &linkCache) != 0) {
+        TRACE_ERROR("cache manager cache alloc failed route/link");
+    }
+    if (nl_cache_alloc_name("route/route", &routeCache) != 0) {
+        TRACE_ERROR("cache manager cache alloc failed route/route");
+    }
+    if (nl_cache_alloc_name("route/addr", &addrCache) != 0) {
+        TRACE_ERROR("cache manager cache alloc failed route/addr");
     }
     result = addCache(mngr, linkCache, changeCb, this);
     if (result < 0) {

@@ -51,10 +51,16 @@ inline bool traceLevelReached(int level)
 #define TRACE_STATEMENT(level, priority, tag, ...)                                                                     \
     do {                                                                                                               \
         if (netlink_route::traceLevelReached(level)) {                                                                 \
-            TRACE_LINE(priority, tag, __VA_ARGS__, "");                                                                \
+            TRACE_PICK(__VA_ARGS__, TRACE_3, TRACE_2, TRACE_1, TRACE_0, )(priority, tag, __VA_ARGS__);                 \
         }                                                                                                              \
     } while (false)
 
-// The empty text stands behind the arguments for a message that has none: C++17 cannot drop the comma before an empty list.
-#define TRACE_LINE(priority, tag, message, ...)                                                                        \
-    syslog(priority, tag " %s:%d (%s) - " message "%s", TRACE_FILE, __LINE__, __func__, __VA_ARGS__)
+// A message with 0 to 3 arguments: C++17 has no other way to drop the comma before an empty list.
+#define TRACE_PICK(message, a, b, c, macro, ...) macro
+#define TRACE_0(priority, tag, message) syslog(priority, tag " %s:%d (%s) - " message, TRACE_FILE, __LINE__, __func__)
+#define TRACE_1(priority, tag, message, a)                                                                             \
+    syslog(priority, tag " %s:%d (%s) - " message, TRACE_FILE, __LINE__, __func__, a)
+#define TRACE_2(priority, tag, message, a, b)                                                                          \
+    syslog(priority, tag " %s:%d (%s) - " message, TRACE_FILE, __LINE__, __func__, a, b)
+#define TRACE_3(priority, tag, message, a, b, c)                                                                       \
+    syslog(priority, tag " %s:%d (%s) - " message, TRACE_FILE, __LINE__, __func__, a, b, c)
